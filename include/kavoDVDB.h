@@ -1,0 +1,148 @@
+/*
+ * kavoDVDB - the flat C interface of the media database library.
+ *
+ * This header compiles as C and as C++. It declares every function that the
+ * library exports for callers that cannot use its classes, the result codes
+ * they return and the types they pass.
+ *
+ * Conventions shared by every family:
+ *  - Results are signed 16-bit codes; kNoError (0) is success. Values come
+ *    back through pointer arguments.
+ *  - An MSHandle names a relocatable memory block. Its bytes are reached only
+ *    between MSLockHandle and MSUnlockHandle; the address may change whenever
+ *    the handle is resized.
+ *  - The library keeps no thread of its own and guards nothing: call it from
+ *    one thread at a time.
+ *  - Bad input (a null pointer, a wild or freed handle) is refused with a
+ *    failure code and an assertion report on stderr; it never crashes the
+ *    host.
+ *
+ * On 32-bit Windows the MS family uses the C calling convention and plain
+ * names; every other family uses the standard convention (the callee removes
+ * the arguments) and is exported as _Name@N.
+ */
+#ifndef KAVODVDB_H
+#define KAVODVDB_H
+
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define KAVO_MS_CALL __cdecl
+#define KAVO_CALL __stdcall
+#else
+#define KAVO_MS_CALL
+#define KAVO_CALL
+#endif
+
+/* Linux builds export by visibility; the Windows DLL exports by its module
+   definition file, which also gives the stdcall names their decoration. */
+#if defined(KAVO_BUILDING_LIBRARY) && !defined(_WIN32)
+#define KAVO_API __attribute__((visibility("default")))
+#else
+#define KAVO_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---------------------------------------------------------------------------
+ * Result codes (signed 16-bit). One list for the whole library.
+ * ------------------------------------------------------------------------- */
+enum {
+    kNoError = 0,
+    kNothingHeld = 1,             /* a getter found nothing held, or a zero value */
+    kGeneralError = -1,           /* not lockable, out of range, absent, refused */
+    kInvalidHandle = -2,          /* not a valid handle */
+    kDestNotResized = -9,         /* destination handle could not be resized */
+    kCannotGrow = -10,            /* handle could not be grown */
+    kInvalidPtr = -11,            /* not a valid pointer */
+    kOutOfMemory = -12,           /* out of memory */
+    kCannotFree = -15,            /* block not freed; no database freed memory */
+    kCannotShrink = -16,          /* handle could not be shrunk */
+    kBadRefNum = -1002,           /* reference number names no open database */
+    kKeyNotFound = -1004,         /* record not found in the file by its key */
+    kDuplicateRecord = -1006,     /* same type and ID, or type and name, exists */
+    kHandleNotInDB = -1007,       /* handle belongs to no open database */
+    kAddRefused = -1010,          /* the engine refused to add the record */
+    kNoPermission = -1011,        /* read-only database */
+    kCannotCreateFiles = -1016,   /* data and index files could not be created */
+    kCannotOpenFiles = -1017,     /* data and index files could not be opened */
+    kCannotOpenHostFile = -1019,  /* host file could not be created or opened */
+    kRecordNotFound = -1020,      /* not found, not loaded, or index past the end */
+    kDBNotInList = -1022,         /* database not in the open list */
+    kMapFull = -1024,             /* the record map could not take a record */
+    kClosedRefNum = -1025,        /* reference number of a closed database */
+    kListBoundReached = -2000,    /* element list bound reached */
+    kNotEditable = -16001,        /* object not editable */
+    kNotOffered = -16002          /* operation not offered by this class */
+};
+
+/* ---------------------------------------------------------------------------
+ * Memory: relocatable handles and fixed pointers with a hidden size header.
+ *
+ * New blocks are filled with 0xA3. Every call stores its result in the
+ * memory system's last error, read with MSLastError. Size-changing calls take
+ * the address of the caller's variable and may give it a new value; when a
+ * grow or shrink fails the variable is left 0 and the old block is no longer
+ * reachable through it, so keep a copy if you must go on using it.
+ * ------------------------------------------------------------------------- */
+typedef void* MSHandle;
+
+/* New movable block of theSize bytes (at most 0x7FFFFFFF); 0 and
+   kOutOfMemory on failure. */
+KAVO_API int16_t KAVO_MS_CALL MSNewHandle(MSHandle* theHandle, uint32_t theSize);
+/* New fixed block; *thePtr is its first data byte. 0 and kOutOfMemory on failure. */
+KAVO_API int16_t KAVO_MS_CALL MSNewPtr(void** thePtr, uint32_t theSize);
+/* Free a block: kInvalidHandle / kInvalidPtr for a value that names no live
+   block, kCannotFree if the system refuses. */
+KAVO_API int16_t KAVO_MS_CALL MSDisposeHandle(MSHandle theHandle);
+KAVO_API int16_t KAVO_MS_CALL MSDisposePtr(void* thePtr);
+/* Logical size; 0 and last error kGeneralError when the block cannot be locked. */
+KAVO_API uint32_t KAVO_MS_CALL MSGetHandleSize(MSHandle theHandle);
+KAVO_API uint32_t KAVO_MS_CALL MSGetPtrSize(void* thePtr);
+/* Lock and get the data address; every lock needs its unlock. */
+KAVO_API int16_t KAVO_MS_CALL MSLockHandle(MSHandle theHandle, void** theAddress);
+KAVO_API int16_t KAVO_MS_CALL MSUnlockHandle(MSHandle theHandle);
+/* Truth values (0 or 1). */
+KAVO_API int KAVO_MS_CALL MSHandleIsLocked(MSHandle theHandle);
+KAVO_API int KAVO_MS_CALL MSValidHandle(MSHandle theHandle);
+KAVO_API int KAVO_MS_CALL MSValidPtr(void* thePtr);
+/* Change the logical size (kCannotGrow / kCannotShrink). Grown bytes are not
+   initialised. The Resize forms grow, shrink or do nothing. */
+KAVO_API int16_t KAVO_MS_CALL MSGrowHandle(MSHandle* theHandle, uint32_t newSize);
+KAVO_API int16_t KAVO_MS_CALL MSShrinkHandle(MSHandle* theHandle, uint32_t newSize);
+KAVO_API int16_t KAVO_MS_CALL MSResizeHandle(MSHandle* theHandle, uint32_t newSize);
+KAVO_API int16_t KAVO_MS_CALL MSGrowPtr(void** thePtr, uint32_t newSize);
+KAVO_API int16_t KAVO_MS_CALL MSShrinkPtr(void** thePtr, uint32_t newSize);
+KAVO_API int16_t KAVO_MS_CALL MSResizePtr(void** thePtr, uint32_t newSize);
+/* Set theAmount bytes from theOffset to theByte; the range must lie inside
+   the block (kGeneralError otherwise). */
+KAVO_API int16_t KAVO_MS_CALL MSFillHandle(MSHandle theHandle, uint32_t theAmount,
+                                           uint32_t theOffset, uint8_t theByte);
+KAVO_API int16_t KAVO_MS_CALL MSFillPtr(void* thePtr, uint32_t theAmount, uint32_t theOffset,
+                                        uint8_t theByte);
+/* New block of the same size and contents; the out variable is written only
+   on success. */
+KAVO_API int16_t KAVO_MS_CALL MSCloneHandle(MSHandle fromHandle, MSHandle* toHandle);
+KAVO_API int16_t KAVO_MS_CALL MSClonePtr(void* from, void** to);
+/* Overwrite the destination with the source, resizing it first
+   (kDestNotResized when that fails). */
+KAVO_API int16_t KAVO_MS_CALL MSCopyHandleToHandle(MSHandle fromHandle, MSHandle* toHandle);
+KAVO_API int16_t KAVO_MS_CALL MSCopyPtrToHandle(void* from, MSHandle* toHandle);
+KAVO_API int16_t KAVO_MS_CALL MSCopyBlockToHandle(const void* from, MSHandle* toHandle,
+                                                  uint32_t theCount);
+KAVO_API int16_t KAVO_MS_CALL MSCopyHandleToNewPtr(MSHandle fromHandle, void** to);
+/* Grow the destination by the source's size and append the source bytes. */
+KAVO_API int16_t KAVO_MS_CALL MSAppendHandleToHandle(MSHandle fromHandle, MSHandle* toHandle);
+/* Copy theCount bytes; overlapping ranges are copied correctly. */
+KAVO_API int16_t KAVO_MS_CALL MSBlockMove(const void* from, void* to, uint32_t theCount);
+/* Not supported on this platform: reports and returns kNoError. */
+KAVO_API int16_t KAVO_MS_CALL MSRecoverHandle(void);
+KAVO_API int16_t KAVO_MS_CALL MSLastError(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KAVODVDB_H */
