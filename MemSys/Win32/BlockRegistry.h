@@ -1,0 +1,48 @@
+// The set of live memory blocks, so that the memory system can tell a live
+// handle or pointer from a wild, freed or made-up value without touching the
+// memory it names.
+//
+// An open-addressing hash table (linear probing, deletion by backward shift),
+// kept at most half full, so a lookup is a multiply and a probe or two. It has
+// a constant-initialised state and no destructor, so it works before and
+// after the static constructors and destructors of a host.
+#ifndef KAVO_MEMSYS_BLOCKREGISTRY_H
+#define KAVO_MEMSYS_BLOCKREGISTRY_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace memsys {
+
+enum class BlockKind : std::uint8_t { kNone = 0, kHandle = 1, kPointer = 2 };
+
+class TBlockRegistry {
+public:
+    constexpr TBlockRegistry() = default;
+    TBlockRegistry(const TBlockRegistry&) = delete;
+    TBlockRegistry& operator=(const TBlockRegistry&) = delete;
+
+    // kNone when the block is not registered.
+    BlockKind Find(const void* block) const;
+    // False when the table could not grow; the block is then not registered.
+    bool Insert(const void* block, BlockKind kind);
+    void Erase(const void* block);
+    std::size_t Count() const { return fCount; }
+
+private:
+    struct Slot {
+        std::uintptr_t fKey;  // 0: free
+        BlockKind fKind;
+    };
+
+    std::size_t Home(std::uintptr_t key) const;
+    bool Rehash(std::size_t newCapacity);
+
+    Slot* fSlots = nullptr;
+    std::size_t fCapacity = 0;  // a power of two, or 0
+    std::size_t fCount = 0;
+};
+
+}  // namespace memsys
+
+#endif  // KAVO_MEMSYS_BLOCKREGISTRY_H
