@@ -141,6 +141,80 @@ KAVO_API int16_t KAVO_MS_CALL MSBlockMove(const void* from, void* to, uint32_t t
 KAVO_API int16_t KAVO_MS_CALL MSRecoverHandle(void);
 KAVO_API int16_t KAVO_MS_CALL MSLastError(void);
 
+/* ---------------------------------------------------------------------------
+ * Records: typed records in database files, through the one record manager.
+ *
+ * A type is four bytes (a pointer to 4 characters, compared as bytes; out
+ * buffers receive 4 bytes and no terminator). A name is at most 31
+ * characters and a NUL; out buffers for names hold 32 bytes. refNum names an
+ * open database, or kAllFiles (every open database, the most recently opened
+ * first) or kCurrentFile. A record's data is an MSHandle that the database
+ * owns from the moment it is read or added until it is detached, released or
+ * removed. Every function returns -1 before InitRMRezManager and after
+ * KillRMRezManager.
+ * ------------------------------------------------------------------------- */
+enum {
+    kAllFiles = -1000,    /* every open database */
+    kCurrentFile = -2000  /* the current database */
+};
+
+enum {
+    kPermissionReadOnly = 1,
+    kPermissionReadWrite = 3
+};
+
+KAVO_API int16_t KAVO_CALL InitRMRezManager(void);
+KAVO_API int16_t KAVO_CALL KillRMRezManager(void);
+/* A new database file, left closed. */
+KAVO_API int16_t KAVO_CALL RMCreate(const char* fileName, uint32_t creator, uint32_t fileType);
+KAVO_API int16_t KAVO_CALL RMOpen(const char* fileName, int16_t permission, int16_t* refNum);
+KAVO_API int16_t KAVO_CALL RMClose(int16_t refNum);
+KAVO_API int16_t KAVO_CALL RMSetCurrentDB(int16_t refNum);
+KAVO_API int16_t KAVO_CALL RMGetCurrentDB(int16_t* refNum);
+KAVO_API int16_t KAVO_CALL RMCountFiles(uint16_t* count);
+KAVO_API int16_t KAVO_CALL RMGetNthRefNum(uint16_t index, int16_t* refNum);
+KAVO_API int16_t KAVO_CALL RMFreeMemory(uint32_t byteCount);
+KAVO_API int16_t KAVO_CALL RMLastError(void);
+KAVO_API int16_t KAVO_CALL RMAddNewRecord(int16_t refNum, const char* type, const char* name, int32_t id,
+                                          MSHandle data);
+KAVO_API int16_t KAVO_CALL RMReadRecordByNumber(int16_t refNum, int32_t id, const char* type, MSHandle* data);
+KAVO_API int16_t KAVO_CALL RMReadRecordByName(int16_t refNum, const char* name, const char* type,
+                                              MSHandle* data);
+KAVO_API int16_t KAVO_CALL RMReadNthRecord(int16_t refNum, uint32_t index, MSHandle* data);
+KAVO_API int16_t KAVO_CALL RMReadNthRecordOfType(int16_t refNum, uint32_t index, const char* type,
+                                                 MSHandle* data);
+KAVO_API int16_t KAVO_CALL RMGetSizeOfNumberedRecord(int16_t refNum, int32_t id, const char* type,
+                                                     uint32_t* size);
+KAVO_API int16_t KAVO_CALL RMGetSizeOfNamedRecord(int16_t refNum, const char* name, const char* type,
+                                                  uint32_t* size);
+KAVO_API int16_t KAVO_CALL RMGetSizeOfNthRecord(int16_t refNum, uint32_t index, uint32_t* size);
+KAVO_API int16_t KAVO_CALL RMGetSizeOfNthRecordOfType(int16_t refNum, uint32_t index, const char* type,
+                                                      uint32_t* size);
+KAVO_API int16_t KAVO_CALL RMGetInfoOfRecord(MSHandle data, char* name, char* type, int32_t* id);
+KAVO_API int16_t KAVO_CALL RMGetInfoOfNthRecord(int16_t refNum, uint32_t index, char* type, char* name,
+                                                int32_t* id);
+KAVO_API int16_t KAVO_CALL RMGetInfoOfNthRecordOfType(int16_t refNum, uint32_t index, const char* type,
+                                                      char* name, int32_t* id);
+KAVO_API int16_t KAVO_CALL RMCountRecords(int16_t refNum, uint32_t* count);
+KAVO_API int16_t KAVO_CALL RMCountRecordsOfType(int16_t refNum, const char* type, uint32_t* count);
+KAVO_API int16_t KAVO_CALL RMNextRecordID(int16_t refNum, const char* type, int32_t* id);
+KAVO_API int16_t KAVO_CALL RMChangeRecordInfo(MSHandle data, const char* type, const char* name, int32_t id);
+KAVO_API int16_t KAVO_CALL RMChangedRecordData(MSHandle data);
+KAVO_API int16_t KAVO_CALL RMDetachRecord(MSHandle data);
+KAVO_API int16_t KAVO_CALL RMReleaseRecord(MSHandle data);
+KAVO_API int16_t KAVO_CALL RMPurgeRecord(MSHandle data);
+KAVO_API int16_t KAVO_CALL RMDoNotPurgeRecord(MSHandle data);
+KAVO_API int16_t KAVO_CALL RMRemoveRecord(MSHandle data);
+KAVO_API int16_t KAVO_CALL RMRemoveNumberedRecord(int16_t refNum, int32_t id, const char* type);
+KAVO_API int16_t KAVO_CALL RMRemoveNamedRecord(int16_t refNum, const char* name, const char* type);
+KAVO_API int16_t KAVO_CALL RMGetHomeDB(MSHandle data, int16_t* refNum);
+/* The about-file text: one NUL-terminated text per database ("BOUT",
+   "About Media File", ID 1). The size counts the NUL; the buffer of
+   RMGetAboutFile must hold at least that many bytes. */
+KAVO_API int16_t KAVO_CALL RMAboutSize(int16_t refNum, uint32_t* size);
+KAVO_API int16_t KAVO_CALL RMGetAboutFile(int16_t refNum, char* buffer);
+KAVO_API int16_t KAVO_CALL RMChangeAboutFile(int16_t refNum, const char* text);
+
 #ifdef __cplusplus
 }
 #endif
