@@ -161,6 +161,8 @@ std::int16_t DeleteVarRecord(std::int16_t dataFile);
 
 // Number of keys k with lowKey <= k <= highKey, in O(log n).
 std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const void* highKey);
+// Number of keys less than key (its rank), in O(log n).
+std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key);
 // Number of keys in the index; 0 and kFileNotActive when it is not open.
 std::uint32_t CountIndexEntries(std::int16_t indexFile);
 // Rewrites the key in place into its stored form, segment by segment.
