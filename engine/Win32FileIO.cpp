@@ -1,0 +1,182 @@
+// The engine's file I/O on Windows.
+//
+// Locks are share modes: a read-only open shares reading only, a write open
+// shares nothing, so a conflicting open (in this process or another) fails
+// with a sharing violation. The share mode goes with the handle.
+#include <windows.h>
+
+#include <algorithm>
+#include <new>
+
+#include "engine/FileIO.h"
+
+namespace engine {
+
+namespace {
+
+constexpr std::uint64_t kMaxOffset = 0x7FFFFFFFFFFFFFFFull;  // LARGE_INTEGER is signed
+// One system call moves at most this much (a DWORD count); larger transfers loop.
+constexpr std::size_t kMaxTransfer = std::size_t{1} << 30;
+
+// A name with a NUL inside would silently name a different file.
+bool IsUsablePath(const std::string& path) {
+    return !path.empty() && path.find('\0') == std::string::npos;
+}
+
+FileError ErrorFromLastError(DWORD error) {
+    switch (error) {
+        case ERROR_FILE_NOT_FOUND:
+        case ERROR_PATH_NOT_FOUND:
+            return FileError::kNotFound;
+        case ERROR_FILE_EXISTS:
+        case ERROR_ALREADY_EXISTS:
+            return FileError::kExists;
+        case ERROR_SHARING_VIOLATION:
+        case ERROR_LOCK_VIOLATION:
+            return FileError::kLocked;
+        case ERROR_ACCESS_DENIED:
+        case ERROR_WRITE_PROTECT:
+            return FileError::kDenied;
+        default:
+            return FileError::kIO;
+    }
+}
+
+OVERLAPPED At(std::uint64_t offset) {
+    OVERLAPPED overlapped = {};
+    overlapped.Offset = static_cast<DWORD>(offset);
+    overlapped.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return overlapped;
+}
+
+class TWin32File : public TFile {
+public:
+    TWin32File(HANDLE handle, bool readOnly) : fHandle(handle), fReadOnly(readOnly) {}
+    ~TWin32File() override { CloseHandle(fHandle); }
+    TWin32File(const TWin32File&) = delete;
+    TWin32File& operator=(const TWin32File&) = delete;
+
+    bool ReadAt(std::uint64_t offset, void* buffer, std::size_t length, std::size_t* bytesRead) override {
+        std::size_t done = 0;
+        if (bytesRead != nullptr) *bytesRead = 0;
+        if (buffer == nullptr && length != 0) return false;
+        unsigned char* bytes = static_cast<unsigned char*>(buffer);
+        while (done < length && offset + done <= kMaxOffset && offset + done >= offset) {
+            const DWORD chunk = static_cast<DWORD>(std::min(length - done, kMaxTransfer));
+            OVERLAPPED overlapped = At(offset + done);
+            DWORD n = 0;
+            if (!ReadFile(fHandle, bytes + done, chunk, &n, &overlapped)) {
+                if (GetLastError() == ERROR_HANDLE_EOF) break;
+                if (bytesRead != nullptr) *bytesRead = done;
+                return false;
+            }
+            if (n == 0) break;
+            done += n;
+        }
+        if (bytesRead != nullptr) *bytesRead = done;
+        return true;
+    }
+
+    bool WriteAt(std::uint64_t offset, const void* data, std::size_t length) override {
+        if (fReadOnly || (data == nullptr && length != 0)) return false;
+        if (offset > kMaxOffset || length > kMaxOffset - offset) return false;
+        const unsigned char* bytes = static_cast<const unsigned char*>(data);
+        std::size_t done = 0;
+        while (done < length) {
+            const DWORD chunk = static_cast<DWORD>(std::min(length - done, kMaxTransfer));
+            OVERLAPPED overlapped = At(offset + done);
+            DWORD n = 0;
+            if (!WriteFile(fHandle, bytes + done, chunk, &n, &overlapped) || n == 0) return false;
+            done += n;
+        }
+        return true;
+    }
+
+    // FlushFileBuffers refuses a handle without write access; a read-only
+    // file has nothing of its own to flush anyway.
+    bool Sync() override { return fReadOnly || FlushFileBuffers(fHandle) != 0; }
+
+    bool Size(std::uint64_t* size) override {
+        LARGE_INTEGER value;
+        if (size == nullptr || !GetFileSizeEx(fHandle, &value)) return false;
+        *size = static_cast<std::uint64_t>(value.QuadPart);
+        return true;
+    }
+
+    bool Truncate(std::uint64_t size) override {
+        if (fReadOnly || size > kMaxOffset) return false;
+        LARGE_INTEGER position;
+        position.QuadPart = static_cast<LONGLONG>(size);
+        return SetFilePointerEx(fHandle, position, nullptr, FILE_BEGIN) && SetEndOfFile(fHandle);
+    }
+
+private:
+    HANDLE fHandle;
+    bool fReadOnly;
+};
+
+class TWin32FileSystem : public TFileSystem {
+public:
+    std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) override;
+    bool Exists(const std::string& path) override;
+    bool Remove(const std::string& path) override;
+    bool Rename(const std::string& from, const std::string& to) override;
+};
+
+std::unique_ptr<TFile> TWin32FileSystem::Open(const std::string& path, OpenMode mode, FileError* error) {
+    FileError ignored;
+    if (error == nullptr) error = &ignored;
+    *error = FileError::kNone;
+    if (!IsUsablePath(path)) {
+        *error = FileError::kNotFound;
+        return nullptr;
+    }
+
+    const bool readOnly = mode == OpenMode::kReadOnly;
+    const DWORD access = readOnly ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
+    const DWORD share = readOnly ? FILE_SHARE_READ : 0;
+    const DWORD disposition = mode == OpenMode::kCreateNew ? CREATE_NEW : OPEN_EXISTING;
+    // Without FILE_FLAG_BACKUP_SEMANTICS a directory does not open (access
+    // denied), as on POSIX, where only plain files are accepted.
+    const HANDLE handle =
+        CreateFileA(path.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
+        *error = ErrorFromLastError(GetLastError());
+        return nullptr;
+    }
+
+    TFile* file = new (std::nothrow) TWin32File(handle, readOnly);
+    if (file == nullptr) {
+        CloseHandle(handle);
+        *error = FileError::kIO;
+    }
+    return std::unique_ptr<TFile>(file);
+}
+
+// True for any entry of that name, directories included.
+bool TWin32FileSystem::Exists(const std::string& path) {
+    return IsUsablePath(path) && GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool TWin32FileSystem::Remove(const std::string& path) {
+    return IsUsablePath(path) && DeleteFileA(path.c_str()) != 0;
+}
+
+// Write-through, so that the new name is on the disk when the call returns.
+bool TWin32FileSystem::Rename(const std::string& from, const std::string& to) {
+    return IsUsablePath(from) && IsUsablePath(to) &&
+           MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+}  // namespace
+
+// Made in static storage on first use and never destroyed, so that it
+// outlives every static object that might still close a file while the
+// process ends, and costs no allocation that could fail.
+TFileSystem* PlatformFileSystem() {
+    alignas(TWin32FileSystem) static unsigned char storage[sizeof(TWin32FileSystem)];
+    static TFileSystem* const platform = new (storage) TWin32FileSystem;
+    return platform;
+}
+
+}  // namespace engine

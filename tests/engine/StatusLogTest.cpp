@@ -1,0 +1,200 @@
+// The status log: two lines per entry, the code after the message unless it
+// is 0 or the entry is fatal, long messages cut; and the fatal paths, which
+// end the process.
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/EngineErrors.h"
+#include "engine/EngineState.h"
+#include "engine/StatusLog.h"
+#include "tests/engine/TempDirectory.h"
+#include "tests/support/KavoTest.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
+namespace {
+
+constexpr const char* kLogName = "DBSTATUS.LOG";
+constexpr const char* kDirectoryVariable = "KAVO_STATUSLOG_TEST_DIRECTORY";
+
+void SetVariable(const char* name, const std::string& value) {
+#ifdef _WIN32
+    SetEnvironmentVariableA(name, value.empty() ? nullptr : value.c_str());
+#else
+    if (value.empty())
+        unsetenv(name);
+    else
+        setenv(name, value.c_str(), 1);
+#endif
+}
+
+std::string GetVariable(const char* name) {
+#ifdef _WIN32
+    char value[MAX_PATH + 1] = {};
+    const DWORD length = GetEnvironmentVariableA(name, value, sizeof value);
+    return length > 0 && length < sizeof value ? std::string(value, length) : std::string();
+#else
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+#endif
+}
+
+// Each test runs in a temporary current directory. A death test's child that
+// starts the program over (the only kind on Windows) begins in the directory
+// the program started in; it finds its parent's through the environment, so
+// that the parent sees what the child logged.
+class StatusLogTest : public kavotest::KavoTest {
+protected:
+    void SetUp() override {
+        if (::testing::internal::InDeathTestChild()) {
+            // Never log into the directory the program started in.
+            const std::string parents = GetVariable(kDirectoryVariable);
+            ASSERT_FALSE(parents.empty()) << "the parent's directory is not known";
+            std::filesystem::current_path(parents);
+            return;
+        }
+        fDirectory = std::make_unique<kavotest::TTempDirectory>("statuslog");
+        fPrevious = std::filesystem::current_path();
+        std::filesystem::current_path(fDirectory->Path());
+        SetVariable(kDirectoryVariable, fDirectory->Path().string());
+    }
+
+    void TearDown() override {
+        engine::SetLowError(0);
+        if (fDirectory != nullptr) {
+            SetVariable(kDirectoryVariable, "");
+            std::filesystem::current_path(fPrevious);
+        }
+        fDirectory.reset();
+        KavoTest::TearDown();
+    }
+
+    // The log's lines without their ends (text mode on Windows writes "\r\n").
+    static std::vector<std::string> LogLines() {
+        std::ifstream in(kLogName, std::ios::binary);
+        std::vector<std::string> lines;
+        std::string line;
+        while (std::getline(in, line)) {
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    // The date line as the C runtime's asctime writes it, at some second
+    // between the two instants.
+    static bool IsDateBetween(const std::string& line, std::time_t before, std::time_t after) {
+        for (std::time_t t = before; t <= after; ++t) {
+            std::string expected = std::asctime(std::localtime(&t));
+            expected.pop_back();  // its newline
+            if (line == expected) return true;
+        }
+        return false;
+    }
+
+    std::unique_ptr<kavotest::TTempDirectory> fDirectory;
+    std::filesystem::path fPrevious;
+};
+
+TEST_F(StatusLogTest, AnEntryIsTheDateLineThenTheUserAndTheMessage) {
+    const std::time_t before = std::time(nullptr);
+    EXPECT_EQ(LogStatus("index damaged", 0), 0);
+    const std::time_t after = std::time(nullptr);
+
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].size(), 24u);
+    EXPECT_TRUE(IsDateBetween(lines[0], before, after)) << lines[0];
+    EXPECT_EQ(lines[1], " - User# 01\tindex damaged");
+}
+
+TEST_F(StatusLogTest, ACodeOtherThanZeroFollowsTheMessage) {
+    EXPECT_EQ(LogStatus(kMsgNodeBeyondEnd, kLowNodeBeyondEnd), 519);
+    EXPECT_EQ(LogStatus("negative", -5), -5);
+
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[1], " - User# 01\tnode exceeds logical index EOF: 519");
+    EXPECT_EQ(lines[3], " - User# 01\tnegative: -5");
+}
+
+TEST_F(StatusLogTest, EntriesAreAppendedToWhatTheLogHolds) {
+    {
+        std::ofstream earlier(kLogName, std::ios::binary);
+        earlier << "an earlier run\n";
+    }
+    const std::time_t before = std::time(nullptr);
+    for (int i = 0; i < 3; ++i)
+        LogStatus(("entry " + std::to_string(i)).c_str(), static_cast<std::int16_t>(i));
+    const std::time_t after = std::time(nullptr);
+
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 7u);
+    EXPECT_EQ(lines[0], "an earlier run");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(IsDateBetween(lines[1 + 2 * i], before, after)) << lines[1 + 2 * i];
+        EXPECT_EQ(lines[2 + 2 * i],
+                  " - User# 01\tentry " + std::to_string(i) + (i == 0 ? "" : ": " + std::to_string(i)));
+    }
+}
+
+TEST_F(StatusLogTest, AFatalEntryNeverShowsACode) {
+    EXPECT_EQ(LogStatus("the end", kFatalStatusCode), 0);
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1], " - User# 01\tthe end");
+}
+
+TEST_F(StatusLogTest, LongMessagesAreCutAt256Characters) {
+    const std::string longMessage(100000, 'm');
+    EXPECT_EQ(LogStatus(longMessage.c_str(), 519), 519);
+    EXPECT_EQ(LogStatus((std::string(256, 'e') + "cut").c_str(), 0), 0);
+    EXPECT_EQ(LogStatus(nullptr, 7), 7);
+
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_EQ(lines[1], " - User# 01\t" + std::string(256, 'm') + ": 519");
+    EXPECT_EQ(lines[3], " - User# 01\t" + std::string(256, 'e'));
+    EXPECT_EQ(lines[5], " - User# 01\t: 7");
+}
+
+TEST_F(StatusLogTest, AFatalErrorEndsTheProcessWithItsNumber) {
+    engine::SetLowError(kLowNodeBeyondEnd);
+    EXPECT_EXIT(FatalError(kFatalNodeAtZero), ::testing::ExitedWithCode(237), "error #237 low_err=519");
+
+    // The child logged the message as a fatal entry: no code.
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1], " - User# 01\tFatal engine error #237 low_err=519");
+}
+
+TEST_F(StatusLogTest, ABadHostFileNumberEndsTheProcess) {
+    EXPECT_EXIT(FatalError(kFatalBadHostFileNumber), ::testing::ExitedWithCode(22), "error #22 low_err=0");
+}
+
+TEST_F(StatusLogTest, TheSecondFatalPathPrintsWhereItFailedAndEndsWith100) {
+    EXPECT_EXIT(FatalErrorAt("WriteNode", 3, 120, 5, 0x1f, 519), ::testing::ExitedWithCode(100),
+                "WriteNode\\s+M3 L120 F5 P1fx  ErrorCode=519");
+    EXPECT_EXIT(FatalErrorAt("Seek", 1, 2, 3, 0x123456789abULL, -1), ::testing::ExitedWithCode(100),
+                "Seek\\s+M1 L2 F3 P123456789abx  ErrorCode=-1");
+    EXPECT_EXIT(FatalErrorAt(nullptr, 0, 0, 0, 0, 0), ::testing::ExitedWithCode(100),
+                "M0 L0 F0 P0x  ErrorCode=0");
+    EXPECT_TRUE(LogLines().empty());  // this path does not log
+}
+
+TEST_F(StatusLogTest, ALogThatCannotBeOpenedEndsTheProcessWith10) {
+    std::filesystem::create_directory(kLogName);
+    EXPECT_EXIT(LogStatus("entry that is lost", 519), ::testing::ExitedWithCode(10),
+                "entry that is lost.*519");
+    EXPECT_EXIT(FatalError(kFatalRangeCountLow), ::testing::ExitedWithCode(10), "error #7214");
+}
+
+}  // namespace
