@@ -1,0 +1,128 @@
+// B+trees over the pager's pages: one per member file.
+//
+// An index tree maps fixed-length keys (compared as bytes) to record numbers;
+// a data tree maps record numbers to record bytes, long records continuing
+// in chains of overflow pages. Interior nodes keep, beside each child, the
+// number of keys beneath it, so that rank, k-th key and range counts cost one
+// descent: O(log n).
+//
+// Every page is checked when it is first read: its type, owner, level, entry
+// count, and the bounds of everything it points at. A page that fails gives
+// kPageDamaged; the trees never follow a value they have not checked.
+#ifndef KAVO_ENGINE_BTREE_H
+#define KAVO_ENGINE_BTREE_H
+
+#include <cstdint>
+#include <vector>
+
+#include "engine/Pager.h"
+
+namespace engine {
+
+// What the catalog keeps of a tree.
+struct TTreeInfo {
+    std::uint8_t fMember = 0;      // owner of its pages
+    bool fIsData = false;
+    std::uint16_t fKeyLength = 4;  // bytes compared; record numbers are 4
+    std::uint32_t fRoot = 0;
+    std::uint32_t fCount = 0;      // keys or records
+    std::uint8_t fHeight = 1;      // levels, the leaves included
+};
+
+enum class FindMode {
+    kEqual,      // the key itself
+    kAtOrAfter,  // the first key >= the key
+    kAfter,      // the first key > the key
+    kAtOrBefore  // the last key <= the key
+};
+
+// Longest key an index may have.
+constexpr std::uint16_t kMaxKeyLength = 512;
+// Records up to this length are kept whole in their leaf; longer ones keep
+// their first kSpilledPrefix bytes there and the rest in overflow pages.
+constexpr std::uint32_t kMaxInlineRecord = 1000;
+constexpr std::uint32_t kSpilledPrefix = 128;
+
+class TTree {
+public:
+    TTree(TPager* pager, TTreeInfo* info) : fPager(pager), fInfo(info) {}
+
+    // Makes the tree's first (empty) leaf.
+    static std::int16_t CreateEmpty(TPager* pager, TTreeInfo* info);
+
+    // --- Index trees: entries are (key of fKeyLength bytes, record number).
+    std::int16_t IndexFind(FindMode mode, const std::uint8_t* key, std::uint8_t* foundKey, std::uint32_t* record,
+                           bool* found);
+    std::int16_t IndexInsert(const std::uint8_t* key, std::uint32_t record);
+    std::int16_t IndexDelete(const std::uint8_t* key, bool* found);
+    // Keys less than key (or, with inclusive, less than or equal).
+    std::int16_t IndexRank(const std::uint8_t* key, bool inclusive, std::uint32_t* rank);
+    // The entry at rank n.
+    std::int16_t IndexSelect(std::uint32_t n, std::uint8_t* key, std::uint32_t* record, bool* found);
+
+    // --- Data trees.
+    std::int16_t DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length);
+    std::int16_t DataDelete(std::uint32_t record, bool* found);
+    std::int16_t DataLength(std::uint32_t record, std::uint32_t* length, bool* found);
+    // Reads length bytes from offset of the record (which must exist and be
+    // long enough).
+    std::int16_t DataRead(std::uint32_t record, std::uint32_t offset, std::uint8_t* out, std::uint32_t length);
+
+    // --- Walking the whole tree (integrity check).
+    struct TVisitor {
+        virtual ~TVisitor() = default;
+        // Every page of the tree, overflow pages included; false stops.
+        virtual bool Page(std::uint32_t number) = 0;
+        virtual void Problem(const std::string& text) = 0;
+        // Index entries and data records in order.
+        virtual void IndexEntry(const std::uint8_t* key, std::uint32_t record) {
+            (void)key;
+            (void)record;
+        }
+        virtual void DataRecord(std::uint32_t record, std::uint32_t length) {
+            (void)record;
+            (void)length;
+        }
+    };
+    // Checks order, counts, levels and chains; reports every page it uses.
+    std::int16_t Walk(TVisitor* visitor);
+
+private:
+    struct TStep {
+        TPageRef fPage;
+        std::uint16_t fIndex;  // child taken
+    };
+
+    std::uint16_t InteriorKeyLength() const { return fInfo->fIsData ? 4 : fInfo->fKeyLength; }
+    std::uint16_t InteriorCapacity() const;
+    std::uint16_t IndexLeafCapacity() const;
+
+    std::int16_t FetchNode(std::uint32_t number, std::uint8_t level, TPageRef* ref);
+    bool CheckNode(const std::uint8_t* page, std::uint8_t level) const;
+    std::int16_t Descend(const std::uint8_t* key, std::vector<TStep>* path, TPageRef* leaf, bool* rightmost);
+    std::int16_t NewNode(std::uint8_t type, std::uint8_t level, TPageRef* ref);
+
+    // Carries a split up the path; delta is +1 for an insert.
+    std::int16_t FinishInsert(std::vector<TStep>& path, TPageRef& leaf, bool split, const std::uint8_t* separator,
+                              std::uint32_t right, std::uint32_t leftCount, std::uint32_t rightCount);
+    std::int16_t FinishDelete(std::vector<TStep>& path, TPageRef& leaf);
+    std::int16_t MergeChildren(TPageRef& parent, std::uint16_t left, bool* merged);
+    std::uint32_t NodeTotal(const std::uint8_t* page) const;
+    bool Underfull(const std::uint8_t* page) const;
+
+    std::int16_t WriteOverflow(const std::uint8_t* bytes, std::uint32_t length, std::uint32_t* head);
+    std::int16_t FreeOverflow(std::uint32_t head, std::uint32_t length);
+    std::int16_t ReadOverflow(std::uint32_t head, std::uint32_t skip, std::uint8_t* out, std::uint32_t length);
+    std::int16_t FindCell(std::uint32_t record, std::vector<TStep>* path, TPageRef* leaf, int* slot);
+
+    std::int16_t WalkNode(std::uint32_t number, std::uint8_t level, const std::vector<std::uint8_t>& low,
+                          const std::vector<std::uint8_t>& high, bool hasHigh, std::uint32_t* count,
+                          TVisitor* visitor);
+
+    TPager* fPager;
+    TTreeInfo* fInfo;
+};
+
+}  // namespace engine
+
+#endif  // KAVO_ENGINE_BTREE_H

@@ -1,0 +1,132 @@
+// A host file: the member files (data files and their indexes) kept in one
+// file, their catalog, and the record operations that keep every index in
+// step with its data file.
+//
+// A mutating operation first checks everything that could refuse it (length,
+// duplicate keys), then changes the trees in the cache, then logs itself; it
+// is then done, whatever happens to the process. A failure after the first
+// change (an unreadable page, a refused write) leaves the cache unlike any
+// state of the file: the host file then refuses every further call until it
+// is opened again, when the log brings it back to its last complete
+// operation.
+#ifndef KAVO_ENGINE_HOSTFILE_H
+#define KAVO_ENGINE_HOSTFILE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/BTree.h"
+#include "engine/Engine.h"
+#include "engine/Pager.h"
+
+namespace engine {
+
+constexpr std::uint32_t kMaxRecordLength = 512u << 20;
+constexpr std::size_t kMaxMembers = 32;
+
+struct TMember {
+    std::string fName;
+    bool fIsData = false;
+    TTreeInfo fTree;
+    // Data files.
+    std::uint16_t fFixedLength = 0;
+    std::uint16_t fExtension = 0;
+    std::uint16_t fMode = 0;
+    std::uint32_t fNextRecord = 1;
+    std::vector<std::uint8_t> fIndexes;  // member numbers, in definition order
+    // Indexes.
+    std::uint8_t fOwner = 0;  // its data file's member number
+    std::int16_t fKeyLength = 0;
+    std::int16_t fKeyType = 0;
+    std::int16_t fDuplicates = 0;
+    std::int16_t fNullKey = 0;
+    std::int16_t fPadding = 0;
+    std::vector<KeySegment> fSegments;
+    // Bytes of a record that its keys are made of.
+    std::uint32_t KeySpan() const;
+};
+
+class THostFile {
+public:
+    ~THostFile();
+
+    static std::int16_t Create(const std::string& path, std::unique_ptr<THostFile>* host);
+    static std::int16_t Open(const std::string& path, bool readOnly, std::unique_ptr<THostFile>* host);
+    // Checkpoints, and removes the log unless read-only.
+    std::int16_t Close();
+
+    const std::string& Path() const { return fPager->Path(); }
+    bool ReadOnly() const { return fPager->ReadOnly(); }
+    std::int16_t Poisoned() const { return fPager->Poisoned(); }
+    TPager* Pager() { return fPager.get(); }
+
+    // Members.
+    std::int16_t CreateMembers(const FileDefinition& definition, const std::string& dataName);
+    // kMemberNotFound when there is none of that name.
+    std::int16_t FindMember(const std::string& name, std::uint8_t* member) const;
+    const TMember& Member(std::uint8_t member) const { return fMembers[member]; }
+    std::size_t MemberCount() const { return fMembers.size(); }
+
+    // Records of a data member.
+    std::int16_t AddRecord(std::uint8_t data, const std::uint8_t* bytes, std::uint32_t length,
+                           std::uint32_t* record);
+    std::int16_t RewriteRecord(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
+                               std::uint32_t length);
+    std::int16_t DeleteRecord(std::uint8_t data, std::uint32_t record);
+    std::int16_t RecordLength(std::uint8_t data, std::uint32_t record, std::uint32_t* length, bool* found);
+    std::int16_t ReadRecord(std::uint8_t data, std::uint32_t record, std::uint32_t offset, std::uint8_t* out,
+                            std::uint32_t length);
+
+    // Keys of an index member. key is the stored (transformed) form, of the
+    // index's key length; foundKey receives the same.
+    void TransformKey(std::uint8_t index, std::uint8_t* key) const;
+    void BuildKey(std::uint8_t index, const std::uint8_t* record, std::uint32_t length, std::uint8_t* key) const;
+    std::int16_t FindKey(std::uint8_t index, FindMode mode, const std::uint8_t* key, std::uint8_t* foundKey,
+                         std::uint32_t* record, bool* found);
+    // The same, continuing after a key found before (its tree key).
+    std::int16_t FindAfterTreeKey(std::uint8_t index, const std::vector<std::uint8_t>& treeKey,
+                                  std::uint8_t* foundKey, std::uint32_t* record, bool* found,
+                                  std::vector<std::uint8_t>* nextTreeKey);
+    std::int16_t SelectKey(std::uint8_t index, std::uint32_t n, std::uint8_t* foundKey, std::uint32_t* record,
+                           bool* found, std::vector<std::uint8_t>* treeKey);
+    std::int16_t CountBelow(std::uint8_t index, const std::uint8_t* key, bool inclusive, std::uint32_t* count);
+    std::uint32_t KeyCount(std::uint8_t index) const { return fMembers[index].fTree.fCount; }
+    // The tree key (key, then the record number where keys may repeat).
+    std::vector<std::uint8_t> TreeKey(std::uint8_t index, const std::uint8_t* key, std::uint32_t record) const;
+
+    // The whole-file check.
+    std::int16_t Check(TIntegrityReport* report, const TProgress& progress);
+
+    const TPagerStats& Stats() const { return fPager->Stats(); }
+
+private:
+    explicit THostFile(std::unique_ptr<TPager> pager) : fPager(std::move(pager)) {}
+
+    std::vector<std::uint8_t> SaveCatalog() const;
+    std::int16_t LoadCatalog(const std::vector<std::uint8_t>& bytes);
+    std::int16_t Replay(const std::vector<TLogRecord>& records);
+    std::int16_t ApplyAdd(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length,
+                          bool checkKeys);
+    std::int16_t ApplyRewrite(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
+                              std::uint32_t length, bool checkKeys);
+    std::int16_t ApplyDelete(std::uint8_t data, std::uint32_t record);
+    std::int16_t RecordKeys(std::uint8_t data, std::uint32_t record, std::vector<std::vector<std::uint8_t>>* keys);
+    std::int16_t Log(std::uint8_t kind, std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
+                     std::uint32_t length);
+    std::int16_t Refusal() const;
+    // After a failure in the middle of a change.
+    std::int16_t Broken(std::int16_t error) {
+        fPager->Poison(error);
+        return error;
+    }
+
+    std::unique_ptr<TPager> fPager;
+    std::vector<TMember> fMembers;
+    bool fReplaying = false;
+};
+
+}  // namespace engine
+
+#endif  // KAVO_ENGINE_HOSTFILE_H

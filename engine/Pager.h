@@ -1,0 +1,268 @@
+// The pager: one host file's pages, its page cache, its log and its
+// checkpoints.
+//
+// The host file is a sequence of 4096-byte pages, each ending in a checksum of
+// its number and contents. Page 0 is the header: magic, format version,
+// checkpoint sequence number, page count, free list and the catalog that the
+// host file keeps there.
+//
+// Changes reach the file in two ways:
+//  - Each operation is appended to the log ("<host>!log", beside the host
+//    file while it is open) as one self-checking frame, before the operation
+//    returns. A frame written is an operation that survives the end of the
+//    process; the pages it changed stay in the cache.
+//  - A checkpoint writes the changed pages. Pages that belong to the last
+//    checkpoint's state are first written to the log as page images and the
+//    log is synced; only then are they overwritten in place. Pages allocated
+//    since the last checkpoint are written in place at once (they are free in
+//    the last checkpoint's state, so nothing depends on them yet). After the
+//    file is synced the log starts afresh.
+// Opening replays the log: a complete batch of page images is written again
+// (a checkpoint that was cut short), and the operations after it are handed
+// to the host file to redo. A loss of power may cost the operations since the
+// last checkpoint, never the file's consistency: every frame carries a
+// checksum chained to the one before it, so replay stops at the first frame
+// that did not fully reach the disk.
+//
+// Memory is bounded by the page cache: pages allocated since the last
+// checkpoint are evicted by writing them, and a checkpoint is taken when the
+// changed pages of the last checkpoint's state fill half the cache.
+#ifndef KAVO_ENGINE_PAGER_H
+#define KAVO_ENGINE_PAGER_H
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "engine/FileIO.h"
+
+namespace engine {
+
+constexpr std::uint32_t kPageSize = 4096;
+constexpr std::uint32_t kPageBodySize = kPageSize - 4;  // the checksum ends the page
+
+// The header every page but page 0 begins with.
+constexpr std::uint32_t kPageTypeAt = 0;    // u8
+constexpr std::uint32_t kPageLevelAt = 1;   // u8: 0 for leaves
+constexpr std::uint32_t kPageCountAt = 2;   // u16: entries
+constexpr std::uint32_t kPageOwnerAt = 4;   // u32: member that owns the page
+constexpr std::uint32_t kPageAuxAt = 8;     // u32: next page of a chain, or cell area start
+constexpr std::uint32_t kPageExtraAt = 12;  // u32: free bytes between cells
+constexpr std::uint32_t kPageHeaderSize = 16;
+
+enum PageType : std::uint8_t {
+    kPageTypeHeader = 1,
+    kPageTypeInterior = 2,
+    kPageTypeIndexLeaf = 3,
+    kPageTypeDataLeaf = 4,
+    kPageTypeOverflow = 5,
+    kPageTypeFreeList = 6,
+};
+
+// Bytes of catalog the header page holds.
+constexpr std::uint32_t kCatalogCapacity = kPageBodySize - 64;
+
+// One logged operation, as handed back for replay.
+struct TLogRecord {
+    std::uint8_t fKind;
+    std::uint8_t fMember;
+    std::uint32_t fAux;
+    std::vector<std::uint8_t> fPayload;
+};
+
+struct TPage {
+    std::uint32_t fNumber = 0;
+    std::uint8_t* fData = nullptr;
+    int fPins = 0;
+    bool fDirty = false;
+    bool fFresh = false;    // allocated since the last checkpoint
+    bool fChecked = false;  // its structure was checked when it was read
+    TPage* fOlder = nullptr;  // the list of unpinned pages, least recently used first
+    TPage* fNewer = nullptr;
+    bool fListed = false;
+};
+
+// Counters for benchmarks and tests.
+struct TPagerStats {
+    std::uint64_t fLogFrames = 0;
+    std::uint64_t fLogBytes = 0;
+    std::uint64_t fPagesWritten = 0;
+    std::uint64_t fPageBytesWritten = 0;
+    std::uint64_t fPagesRead = 0;
+    std::uint64_t fCheckpoints = 0;
+    std::uint64_t fSyncs = 0;
+};
+
+class TPager {
+public:
+    ~TPager();
+    TPager(const TPager&) = delete;
+    TPager& operator=(const TPager&) = delete;
+
+    // Makes a new host file holding only its header; the file must not exist.
+    static std::int16_t Create(const std::string& path, std::unique_ptr<TPager>* pager);
+    // Opens an existing host file and reads its log: *replay receives the
+    // operations the host file must redo (without logging them again).
+    static std::int16_t Open(const std::string& path, bool readOnly, std::unique_ptr<TPager>* pager,
+                             std::vector<TLogRecord>* replay);
+
+    const std::string& Path() const { return fPath; }
+    bool ReadOnly() const { return fReadOnly; }
+    std::uint32_t PageCount() const { return fPageCount; }
+    std::uint32_t FreePageCount() const;
+    // The catalog stored in the header page at the last checkpoint.
+    const std::vector<std::uint8_t>& StoredCatalog() const { return fStoredCatalog; }
+
+    // Pins the page, reading it (and checking its checksum) if need be.
+    std::int16_t Fetch(std::uint32_t number, TPage** page);
+    // A new zero-filled page, pinned and changed.
+    std::int16_t Allocate(TPage** page);
+    void Unpin(TPage* page);
+    // Must be called before a pinned page is changed.
+    void MarkDirty(TPage* page);
+    // The page is no longer used; any pin on it must be its last.
+    void FreePage(std::uint32_t number);
+
+    // Appends one operation to the log; once it returns kEngineNoError the
+    // operation survives the end of the process.
+    std::int16_t AppendLog(std::uint8_t kind, std::uint8_t member, std::uint32_t aux,
+                           const std::uint8_t* payload, std::uint32_t length);
+    bool CheckpointDue() const;
+    // Writes every change and the catalog, and starts the log afresh.
+    std::int16_t Checkpoint(const std::vector<std::uint8_t>& catalog);
+    // Checkpoints (unless read-only) and removes the log.
+    std::int16_t Close(const std::vector<std::uint8_t>& catalog);
+
+    // After a failure in the middle of a change the cache no longer matches
+    // any state of the file: every further call is refused until reopened.
+    void Poison(std::int16_t error) {
+        if (fPoison == 0) fPoison = error;
+    }
+    std::int16_t Poisoned() const { return fPoison; }
+
+    // Every page number in use by the free list (for the integrity check).
+    const std::vector<std::uint32_t>& FreeListPages() const { return fFreeListPages; }
+    std::vector<std::uint32_t> FreePages() const;
+
+    const TPagerStats& Stats() const { return fStats; }
+    // Pages the cache may hold (process-wide; for tests that want eviction).
+    static void SetCacheCapacity(std::size_t pages);
+    static std::size_t CacheCapacity();
+
+private:
+    TPager(const std::string& path, bool readOnly);
+
+    std::int16_t ReadHeader(const std::uint8_t* page);
+    void BuildHeader(std::uint8_t* page, const std::vector<std::uint8_t>& catalog, std::uint64_t sequence,
+                     std::uint32_t freeHead, std::uint32_t freeCount);
+    std::int16_t LoadFreeList(std::uint32_t head, std::uint32_t count);
+    std::int16_t ReadLog(std::vector<TLogRecord>* replay);
+    std::int16_t StartLog();
+    std::int16_t WriteLogHeader();
+    std::int16_t WriteFrame(std::uint8_t kind, std::uint8_t member, std::uint32_t aux, const std::uint8_t* payload,
+                            std::uint32_t length);
+    std::int16_t ReadPageFromFile(std::uint32_t number, std::uint8_t* into);
+    std::int16_t WritePageToFile(std::uint32_t number, std::uint8_t* data);
+    std::int16_t WriteFreeList(std::uint32_t* head, std::uint32_t* count);
+    std::uint32_t TakeFreePage();
+
+    TPage* NewFrame(std::int16_t* error);
+    std::int16_t MakeRoom();
+    void Forget(TPage* page);
+    void ListAsNewest(TPage* page);
+    void Unlist(TPage* page);
+    bool Evictable(const TPage* page) const { return fReadOnly ? !page->fDirty : (!page->fDirty || page->fFresh); }
+
+    std::string fPath;
+    std::string fLogPath;
+    bool fReadOnly;
+    std::unique_ptr<TFile> fFile;
+    std::unique_ptr<TFile> fLog;
+
+    std::uint64_t fSequence = 0;    // of the last checkpoint
+    std::uint32_t fPageCount = 1;   // pages in use or free, header included
+    std::vector<std::uint8_t> fStoredCatalog;
+    bool fCatalogChanged = false;
+
+    // Free space: pages free in the last checkpoint's state and not used
+    // since, plus pages allocated and freed again since; pages of the last
+    // checkpoint's state freed since come back only after the next one.
+    std::set<std::uint32_t> fFree;
+    std::vector<std::uint32_t> fFreedSinceCheckpoint;
+    std::vector<std::uint32_t> fFreeListPages;
+    std::unordered_set<std::uint32_t> fFresh;
+
+    std::unordered_map<std::uint32_t, TPage*> fPages;
+    std::vector<TPage*> fSpareFrames;
+    TPage* fOldest = nullptr;
+    TPage* fNewest = nullptr;
+    std::size_t fFrameCount = 0;
+    std::size_t fDirtyOld = 0;  // changed pages of the last checkpoint's state
+
+    // Pages of a cut-short checkpoint, read-only opens only: they stand in
+    // for the file's pages, which may not be written.
+    std::unordered_map<std::uint32_t, std::vector<std::uint8_t>> fOverlay;
+
+    std::uint64_t fLogOffset = 0;
+    std::uint32_t fLogChain = 0;
+    std::uint32_t fLogSalt = 0;
+    std::uint64_t fLogSize = 0;  // bytes appended since the log started
+    std::vector<std::uint8_t> fFrameBuffer;
+    bool fRestartLogAfterBatch = false;
+
+    std::int16_t fPoison = 0;
+    TPagerStats fStats;
+};
+
+// Pins a page for the length of a scope.
+class TPageRef {
+public:
+    TPageRef() = default;
+    TPageRef(TPager* pager, TPage* page) : fPager(pager), fPage(page) {}
+    ~TPageRef() { Reset(); }
+    TPageRef(TPageRef&& other) noexcept : fPager(other.fPager), fPage(other.fPage) { other.fPage = nullptr; }
+    TPageRef& operator=(TPageRef&& other) noexcept {
+        if (this != &other) {
+            Reset();
+            fPager = other.fPager;
+            fPage = other.fPage;
+            other.fPage = nullptr;
+        }
+        return *this;
+    }
+    TPageRef(const TPageRef&) = delete;
+    TPageRef& operator=(const TPageRef&) = delete;
+
+    void Reset() {
+        if (fPage != nullptr) fPager->Unpin(fPage);
+        fPage = nullptr;
+    }
+    TPage* Get() const { return fPage; }
+    std::uint8_t* Data() const { return fPage->fData; }
+    std::uint32_t Number() const { return fPage->fNumber; }
+    explicit operator bool() const { return fPage != nullptr; }
+    void MarkDirty() { fPager->MarkDirty(fPage); }
+
+private:
+    TPager* fPager = nullptr;
+    TPage* fPage = nullptr;
+};
+
+// Log frame kinds.
+constexpr std::uint8_t kFrameAdd = 1;
+constexpr std::uint8_t kFrameRewrite = 2;
+constexpr std::uint8_t kFrameDelete = 3;
+constexpr std::uint8_t kFramePage = 10;
+constexpr std::uint8_t kFrameCommit = 11;
+
+// Seals a page: its checksum over its number and contents.
+void SealPage(std::uint32_t number, std::uint8_t* data);
+bool PageSealIsValid(std::uint32_t number, const std::uint8_t* data);
+
+}  // namespace engine
+
+#endif  // KAVO_ENGINE_PAGER_H
