@@ -235,8 +235,8 @@ std::int16_t TTree::CreateEmpty(TPager* pager, TTreeInfo* info) {
     return kEngineNoError;
 }
 
-std::int16_t TTree::Descend(const std::uint8_t* key, std::vector<TStep>* path, TPageRef* leaf, bool* rightmost) {
-    path->clear();
+std::int16_t TTree::Descend(const std::uint8_t* key, TPath* path, TPageRef* leaf, bool* rightmost) {
+    path->Clear();
     *rightmost = true;
     const TInterior interior{InteriorKeyLength()};
     std::uint32_t number = fInfo->fRoot;
@@ -247,7 +247,7 @@ std::int16_t TTree::Descend(const std::uint8_t* key, std::vector<TStep>* path, T
         const std::uint32_t index = interior.Choose(node.Data(), key);
         if (index + 1 != CountOf(node.Data())) *rightmost = false;
         number = interior.Child(node.Data(), index);
-        path->push_back(TStep{std::move(node), static_cast<std::uint16_t>(index)});
+        path->Push(std::move(node), static_cast<std::uint16_t>(index));
     }
     return FetchNode(number, 0, leaf);
 }
@@ -269,7 +269,7 @@ bool TTree::Underfull(const std::uint8_t* page) const {
 // ---------------------------------------------------------------------------
 // Insertion
 
-std::int16_t TTree::FinishInsert(std::vector<TStep>& path, TPageRef& leaf, bool split, const std::uint8_t* separator,
+std::int16_t TTree::FinishInsert(TPath& path, TPageRef& leaf, bool split, const std::uint8_t* separator,
                                  std::uint32_t right, std::uint32_t leftCount, std::uint32_t rightCount) {
     const TInterior interior{InteriorKeyLength()};
     const std::uint32_t entrySize = interior.EntrySize();
@@ -326,6 +326,7 @@ std::int16_t TTree::FinishInsert(std::vector<TStep>& path, TPageRef& leaf, bool 
     }
     if (split) {
         // The root split: a new root above the two halves.
+        if (fInfo->fHeight >= kMaxTreeHeight) return kFileFull;
         const std::uint32_t oldRoot = fInfo->fRoot;
         TPageRef root;
         const std::int16_t error = NewNode(kPageTypeInterior, fInfo->fHeight, &root);
@@ -345,7 +346,7 @@ std::int16_t TTree::FinishInsert(std::vector<TStep>& path, TPageRef& leaf, bool 
 }
 
 std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record) {
-    std::vector<TStep> path;
+    TPath path;
     TPageRef leafRef;
     bool rightmost = false;
     std::int16_t error = Descend(key, &path, &leafRef, &rightmost);
@@ -385,6 +386,7 @@ std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record) {
 }
 
 std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length) {
+    fInfo->fHintRecord = 0;
     std::uint8_t key[4];
     BigKey(record, key);
     // The cell: whole, or its first bytes and the head of an overflow chain.
@@ -395,7 +397,7 @@ std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, 
     Put32(cell.data() + 8, inlined);
     if (inlined != 0) std::memcpy(cell.data() + kCellHead, bytes, inlined);
 
-    std::vector<TStep> path;
+    TPath path;
     TPageRef leafRef;
     bool rightmost = false;
     std::int16_t error = Descend(key, &path, &leafRef, &rightmost);
@@ -505,7 +507,7 @@ std::int16_t TTree::MergeChildren(TPageRef& parent, std::uint16_t left, bool* me
     return kEngineNoError;
 }
 
-std::int16_t TTree::FinishDelete(std::vector<TStep>& path, TPageRef& leaf) {
+std::int16_t TTree::FinishDelete(TPath& path, TPageRef& leaf) {
     const TInterior interior{InteriorKeyLength()};
     TPageRef child = std::move(leaf);
     for (std::size_t l = path.size(); l-- > 0;) {
@@ -563,7 +565,7 @@ std::int16_t TTree::FinishDelete(std::vector<TStep>& path, TPageRef& leaf) {
 
 std::int16_t TTree::IndexDelete(const std::uint8_t* key, bool* found) {
     *found = false;
-    std::vector<TStep> path;
+    TPath path;
     TPageRef leafRef;
     bool rightmost = false;
     const std::int16_t error = Descend(key, &path, &leafRef, &rightmost);
@@ -580,7 +582,7 @@ std::int16_t TTree::IndexDelete(const std::uint8_t* key, bool* found) {
     return FinishDelete(path, leafRef);
 }
 
-std::int16_t TTree::FindCell(std::uint32_t record, std::vector<TStep>* path, TPageRef* leaf, int* slot) {
+std::int16_t TTree::FindCell(std::uint32_t record, TPath* path, TPageRef* leaf, int* slot) {
     std::uint8_t key[4];
     BigKey(record, key);
     bool rightmost = false;
@@ -593,9 +595,30 @@ std::int16_t TTree::FindCell(std::uint32_t record, std::vector<TStep>* path, TPa
     return kEngineNoError;
 }
 
+std::int16_t TTree::LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot) {
+    *slot = -1;
+    if (fInfo->fHintRecord == record && record != 0) {
+        // The tree has not changed since the hint was taken, so its page is
+        // still the leaf that holds the record, in the same slot.
+        const std::int16_t error = FetchNode(fInfo->fHintPage, 0, leaf);
+        if (error != kEngineNoError) return error;
+        *slot = fInfo->fHintSlot;
+        return kEngineNoError;
+    }
+    TPath path;
+    const std::int16_t error = FindCell(record, &path, leaf, slot);
+    if (error == kEngineNoError && *slot >= 0) {
+        fInfo->fHintRecord = record;
+        fInfo->fHintPage = leaf->Number();
+        fInfo->fHintSlot = static_cast<std::uint16_t>(*slot);
+    }
+    return error;
+}
+
 std::int16_t TTree::DataDelete(std::uint32_t record, bool* found) {
     *found = false;
-    std::vector<TStep> path;
+    fInfo->fHintRecord = 0;
+    TPath path;
     TPageRef leafRef;
     int slot = -1;
     std::int16_t error = FindCell(record, &path, &leafRef, &slot);
@@ -679,7 +702,7 @@ std::int16_t TTree::IndexFind(FindMode mode, const std::uint8_t* key, std::uint8
                               std::uint32_t* record, bool* found) {
     *found = false;
     if (mode == FindMode::kEqual) {
-        std::vector<TStep> path;
+        TPath path;
         TPageRef leafRef;
         bool rightmost = false;
         const std::int16_t error = Descend(key, &path, &leafRef, &rightmost);
@@ -705,11 +728,10 @@ std::int16_t TTree::IndexFind(FindMode mode, const std::uint8_t* key, std::uint8
 }
 
 std::int16_t TTree::DataLength(std::uint32_t record, std::uint32_t* length, bool* found) {
-    std::vector<TStep> path;
     TPageRef leaf;
     int slot = -1;
     *found = false;
-    const std::int16_t error = FindCell(record, &path, &leaf, &slot);
+    const std::int16_t error = LocateRecord(record, &leaf, &slot);
     if (error != kEngineNoError || slot < 0) return error;
     *length = Get32(TDataLeaf::Cell(leaf.Data(), slot) + 4);
     *found = true;
@@ -717,10 +739,9 @@ std::int16_t TTree::DataLength(std::uint32_t record, std::uint32_t* length, bool
 }
 
 std::int16_t TTree::DataRead(std::uint32_t record, std::uint32_t offset, std::uint8_t* out, std::uint32_t length) {
-    std::vector<TStep> path;
     TPageRef leaf;
     int slot = -1;
-    const std::int16_t error = FindCell(record, &path, &leaf, &slot);
+    const std::int16_t error = LocateRecord(record, &leaf, &slot);
     if (error != kEngineNoError) return error;
     if (slot < 0) return kBadRecordPosition;
     const std::uint8_t* cell = TDataLeaf::Cell(leaf.Data(), slot);
@@ -917,7 +938,7 @@ std::int16_t TTree::WalkNode(std::uint32_t number, std::uint8_t level, const std
 
 std::int16_t TTree::Walk(TVisitor* visitor) {
     std::uint32_t count = 0;
-    if (fInfo->fHeight == 0 || fInfo->fHeight > 32) {
+    if (fInfo->fHeight == 0 || fInfo->fHeight > kMaxTreeHeight) {
         visitor->Problem("member " + std::to_string(fInfo->fMember) + ": tree height out of range");
         return kEngineNoError;
     }

@@ -27,7 +27,16 @@ struct TTreeInfo {
     std::uint32_t fRoot = 0;
     std::uint32_t fCount = 0;      // keys or records
     std::uint8_t fHeight = 1;      // levels, the leaves included
+    // Where the record last looked up lies, until the tree next changes:
+    // repeated reads of one record (its length, then its bytes) skip the
+    // descent. Not stored.
+    std::uint32_t fHintRecord = 0;
+    std::uint32_t fHintPage = 0;
+    std::uint16_t fHintSlot = 0;
 };
+
+// More levels than any tree of 2^32 keys can need.
+constexpr std::uint8_t kMaxTreeHeight = 24;
 
 enum class FindMode {
     kEqual,      // the key itself
@@ -90,7 +99,27 @@ public:
 private:
     struct TStep {
         TPageRef fPage;
-        std::uint16_t fIndex;  // child taken
+        std::uint16_t fIndex = 0;  // child taken
+    };
+    // The interior nodes from the root down to a leaf, pinned; no allocation.
+    class TPath {
+    public:
+        void Clear() {
+            while (fSize > 0) fSteps[--fSize].fPage.Reset();
+        }
+        void Push(TPageRef&& page, std::uint16_t index) {
+            fSteps[fSize].fPage = std::move(page);
+            fSteps[fSize].fIndex = index;
+            ++fSize;
+        }
+        std::size_t size() const { return fSize; }
+        TStep& operator[](std::size_t i) { return fSteps[i]; }
+        const TStep* begin() const { return fSteps; }
+        const TStep* end() const { return fSteps + fSize; }
+
+    private:
+        TStep fSteps[kMaxTreeHeight];
+        std::size_t fSize = 0;
     };
 
     std::uint16_t InteriorKeyLength() const { return fInfo->fIsData ? 4 : fInfo->fKeyLength; }
@@ -99,13 +128,13 @@ private:
 
     std::int16_t FetchNode(std::uint32_t number, std::uint8_t level, TPageRef* ref);
     bool CheckNode(const std::uint8_t* page, std::uint8_t level) const;
-    std::int16_t Descend(const std::uint8_t* key, std::vector<TStep>* path, TPageRef* leaf, bool* rightmost);
+    std::int16_t Descend(const std::uint8_t* key, TPath* path, TPageRef* leaf, bool* rightmost);
     std::int16_t NewNode(std::uint8_t type, std::uint8_t level, TPageRef* ref);
 
     // Carries a split up the path; delta is +1 for an insert.
-    std::int16_t FinishInsert(std::vector<TStep>& path, TPageRef& leaf, bool split, const std::uint8_t* separator,
+    std::int16_t FinishInsert(TPath& path, TPageRef& leaf, bool split, const std::uint8_t* separator,
                               std::uint32_t right, std::uint32_t leftCount, std::uint32_t rightCount);
-    std::int16_t FinishDelete(std::vector<TStep>& path, TPageRef& leaf);
+    std::int16_t FinishDelete(TPath& path, TPageRef& leaf);
     std::int16_t MergeChildren(TPageRef& parent, std::uint16_t left, bool* merged);
     std::uint32_t NodeTotal(const std::uint8_t* page) const;
     bool Underfull(const std::uint8_t* page) const;
@@ -113,7 +142,9 @@ private:
     std::int16_t WriteOverflow(const std::uint8_t* bytes, std::uint32_t length, std::uint32_t* head);
     std::int16_t FreeOverflow(std::uint32_t head, std::uint32_t length);
     std::int16_t ReadOverflow(std::uint32_t head, std::uint32_t skip, std::uint8_t* out, std::uint32_t length);
-    std::int16_t FindCell(std::uint32_t record, std::vector<TStep>* path, TPageRef* leaf, int* slot);
+    std::int16_t FindCell(std::uint32_t record, TPath* path, TPageRef* leaf, int* slot);
+    // FindCell for reading: uses and sets the tree's hint.
+    std::int16_t LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot);
 
     std::int16_t WalkNode(std::uint32_t number, std::uint8_t level, const std::vector<std::uint8_t>& low,
                           const std::vector<std::uint8_t>& high, bool hasHigh, std::uint32_t* count,

@@ -37,6 +37,10 @@ struct TEngineState {
     std::int16_t fDataBuffers = 0;
     std::int16_t fNodeSectors = 0;
     std::int16_t fProfile = 0;
+    // Key buffers reused by every call.
+    std::vector<std::uint8_t> fKey;
+    std::vector<std::uint8_t> fHighKey;
+    std::vector<std::uint8_t> fFoundKey;
 };
 
 TEngineState gEngine;
@@ -139,14 +143,14 @@ bool ValidDefinition(const FileDefinition* definition) {
            definition->fIndexCount < 64 && (definition->fIndexCount == 0 || definition->fIndexes != nullptr);
 }
 
-// The stored form of a caller's key.
-std::vector<std::uint8_t> StoredKey(const TSlot& index, const void* key) {
+// The stored form of a caller's key, in one of the engine's key buffers.
+const std::vector<std::uint8_t>& StoredKey(const TSlot& index, const void* key, std::vector<std::uint8_t>* stored) {
     const THostFile* host = index.fHost;
     const auto length = static_cast<std::size_t>(host->Member(index.fMember).fKeyLength);
     const auto* bytes = static_cast<const std::uint8_t*>(key);
-    std::vector<std::uint8_t> stored(bytes, bytes + length);
-    if (!gEngine.fKeysTransformed) host->TransformKey(index.fMember, stored.data());
-    return stored;
+    stored->assign(bytes, bytes + length);
+    if (!gEngine.fKeysTransformed) host->TransformKey(index.fMember, stored->data());
+    return *stored;
 }
 
 // Makes the record current in its data file and reads its fixed part.
@@ -168,14 +172,15 @@ std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* reco
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return engine::gErrorState.fError;
     if (key == nullptr || recordBuffer == nullptr) return Fail(kBadArgument, indexFile);
-    const std::vector<std::uint8_t> stored = StoredKey(*index, key);
+    const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::uint32_t record = 0;
     bool found = false;
-    std::vector<std::uint8_t> foundKey(stored.size());
+    std::vector<std::uint8_t>& foundKey = gEngine.fFoundKey;
+    foundKey.resize(stored.size());
     std::int16_t error = index->fHost->FindKey(index->fMember, mode, stored.data(), foundKey.data(), &record, &found);
     if (error != kEngineNoError) return Fail(error, indexFile);
     if (!found) return Fail(kKeyNotFound, indexFile);
-    index->fLastKey = index->fHost->TreeKey(index->fMember, foundKey.data(), record);
+    index->fHost->MakeTreeKey(index->fMember, foundKey.data(), record, &index->fLastKey);
     error = ReadFixedPart(gEngine.fSlots[index->fDataSlot], record, recordBuffer);
     return Result(error, index->fDataSlot);
 }
@@ -356,15 +361,16 @@ std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* ke
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (key == nullptr) return Fail(kBadArgument, indexFile), 0;
-    const std::vector<std::uint8_t> stored = StoredKey(*index, key);
-    std::vector<std::uint8_t> found(stored.size());
+    const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
+    std::vector<std::uint8_t>& found = gEngine.fFoundKey;
+    found.resize(stored.size());
     std::uint32_t record = 0;
     bool any = false;
     const std::int16_t error =
         index->fHost->FindKey(index->fMember, FindMode::kAtOrAfter, stored.data(), found.data(), &record, &any);
     if (error != kEngineNoError) return Fail(error, indexFile), 0;
     if (!any) return Fail(kKeyNotFound, indexFile), 0;
-    index->fLastKey = index->fHost->TreeKey(index->fMember, found.data(), record);
+    index->fHost->MakeTreeKey(index->fMember, found.data(), record, &index->fLastKey);
     CopyKey(*index, found.data(), keyBuffer);
     return record;
 }
@@ -474,8 +480,8 @@ std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const vo
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (lowKey == nullptr || highKey == nullptr) return Fail(kBadArgument, indexFile), 0;
-    const std::vector<std::uint8_t> low = StoredKey(*index, lowKey);
-    const std::vector<std::uint8_t> high = StoredKey(*index, highKey);
+    const std::vector<std::uint8_t>& low = StoredKey(*index, lowKey, &gEngine.fKey);
+    const std::vector<std::uint8_t>& high = StoredKey(*index, highKey, &gEngine.fHighKey);
     std::uint32_t below = 0;
     std::uint32_t upTo = 0;
     std::int16_t error = index->fHost->CountBelow(index->fMember, low.data(), false, &below);
@@ -492,7 +498,7 @@ std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key) {
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (key == nullptr) return Fail(kBadArgument, indexFile), 0;
-    const std::vector<std::uint8_t> stored = StoredKey(*index, key);
+    const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::uint32_t below = 0;
     const std::int16_t error = index->fHost->CountBelow(index->fMember, stored.data(), false, &below);
     if (error != kEngineNoError) return Fail(error, indexFile), 0;

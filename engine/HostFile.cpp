@@ -190,7 +190,7 @@ std::int16_t THostFile::LoadCatalog(const std::vector<std::uint8_t>& bytes) {
         const TMember& m = fMembers[i];
         const TTreeInfo& t = m.fTree;
         if (m.fName.empty() || !names.insert(m.fName).second) return kFileNotOpened;
-        if (t.fRoot == 0 || t.fRoot >= fPager->PageCount() || t.fHeight == 0 || t.fHeight > 32) return kFileNotOpened;
+        if (t.fRoot == 0 || t.fRoot >= fPager->PageCount() || t.fHeight == 0 || t.fHeight > kMaxTreeHeight) return kFileNotOpened;
         if (m.fIsData) {
             if (t.fKeyLength != 4 || m.fNextRecord == 0) return kFileNotOpened;
             for (std::uint8_t index : m.fIndexes) {
@@ -394,15 +394,14 @@ void THostFile::BuildKey(std::uint8_t index, const std::uint8_t* record, std::ui
     TransformKey(index, key);
 }
 
-std::vector<std::uint8_t> THostFile::TreeKey(std::uint8_t index, const std::uint8_t* key,
-                                             std::uint32_t record) const {
+void THostFile::MakeTreeKey(std::uint8_t index, const std::uint8_t* key, std::uint32_t record,
+                             std::vector<std::uint8_t>* treeKey) const {
     const TMember& m = fMembers[index];
-    std::vector<std::uint8_t> treeKey(key, key + m.fKeyLength);
+    treeKey->assign(key, key + m.fKeyLength);
     if (m.fDuplicates != 0) {
-        treeKey.resize(treeKey.size() + 4);
-        PutBig32(treeKey.data() + m.fKeyLength, record);
+        treeKey->resize(treeKey->size() + 4);
+        PutBig32(treeKey->data() + m.fKeyLength, record);
     }
-    return treeKey;
 }
 
 std::int16_t THostFile::FindKey(std::uint8_t index, FindMode mode, const std::uint8_t* key,
@@ -411,10 +410,12 @@ std::int16_t THostFile::FindKey(std::uint8_t index, FindMode mode, const std::ui
     *found = false;
     if (const std::int16_t refused = fPager->Poisoned()) return refused;
     const bool low = mode == FindMode::kEqual || mode == FindMode::kAtOrAfter;
-    std::vector<std::uint8_t> treeKey = TreeKey(index, key, low ? 0 : UINT32_MAX);
+    std::vector<std::uint8_t>& treeKey = fSearchKey;
+    MakeTreeKey(index, key, low ? 0 : UINT32_MAX, &treeKey);
     FindMode treeMode = mode;
     if (m.fDuplicates != 0 && mode == FindMode::kEqual) treeMode = FindMode::kAtOrAfter;
-    std::vector<std::uint8_t> foundTreeKey(m.fTree.fKeyLength);
+    std::vector<std::uint8_t>& foundTreeKey = fFoundKey;
+    foundTreeKey.resize(m.fTree.fKeyLength);
     TTree tree(fPager.get(), &m.fTree);
     const std::int16_t error = tree.IndexFind(treeMode, treeKey.data(), foundTreeKey.data(), record, found);
     if (error != kEngineNoError) return error;
@@ -456,9 +457,9 @@ std::int16_t THostFile::CountBelow(std::uint8_t index, const std::uint8_t* key, 
     TMember& m = fMembers[index];
     *count = 0;
     if (const std::int16_t refused = fPager->Poisoned()) return refused;
-    const std::vector<std::uint8_t> treeKey = TreeKey(index, key, inclusive ? UINT32_MAX : 0);
+    MakeTreeKey(index, key, inclusive ? UINT32_MAX : 0, &fSearchKey);
     TTree tree(fPager.get(), &m.fTree);
-    return tree.IndexRank(treeKey.data(), inclusive, count);
+    return tree.IndexRank(fSearchKey.data(), inclusive, count);
 }
 
 // ---------------------------------------------------------------------------
@@ -495,11 +496,11 @@ std::int16_t THostFile::RecordKeys(std::uint8_t data, std::uint32_t record,
     if (!bytes.empty() && (error = tree.DataRead(record, 0, bytes.data(), static_cast<std::uint32_t>(bytes.size()))) !=
                               kEngineNoError)
         return error;
-    keys->clear();
-    for (std::uint8_t index : m.fIndexes) {
-        std::vector<std::uint8_t> key(static_cast<std::size_t>(fMembers[index].fKeyLength));
-        BuildKey(index, bytes.data(), static_cast<std::uint32_t>(bytes.size()), key.data());
-        keys->push_back(std::move(key));
+    keys->resize(m.fIndexes.size());
+    for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
+        const std::uint8_t index = m.fIndexes[i];
+        (*keys)[i].resize(static_cast<std::size_t>(fMembers[index].fKeyLength));
+        BuildKey(index, bytes.data(), static_cast<std::uint32_t>(bytes.size()), (*keys)[i].data());
     }
     return kEngineNoError;
 }
@@ -507,9 +508,12 @@ std::int16_t THostFile::RecordKeys(std::uint8_t data, std::uint32_t record,
 std::int16_t THostFile::ApplyAdd(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
                                  std::uint32_t length, bool checkKeys) {
     TMember& m = fMembers[data];
-    std::vector<std::vector<std::uint8_t>> keys;
-    for (std::uint8_t index : m.fIndexes) {
-        std::vector<std::uint8_t> key(static_cast<std::size_t>(fMembers[index].fKeyLength));
+    std::vector<std::vector<std::uint8_t>>& keys = fNewKeys;
+    keys.resize(m.fIndexes.size());
+    for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
+        const std::uint8_t index = m.fIndexes[i];
+        std::vector<std::uint8_t>& key = keys[i];
+        key.resize(static_cast<std::size_t>(fMembers[index].fKeyLength));
         BuildKey(index, bytes, length, key.data());
         if (checkKeys && fMembers[index].fDuplicates == 0) {
             std::uint32_t other = 0;
@@ -518,15 +522,14 @@ std::int16_t THostFile::ApplyAdd(std::uint8_t data, std::uint32_t record, const 
             if (error != kEngineNoError) return error;
             if (found) return kKeyExists;
         }
-        keys.push_back(std::move(key));
     }
     // From here on a failure leaves the trees half changed.
     std::int16_t error = TTree(fPager.get(), &m.fTree).DataInsert(record, bytes, length);
     if (error != kEngineNoError) return Broken(error);
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
-        const std::vector<std::uint8_t> treeKey = TreeKey(index, keys[i].data(), record);
-        error = TTree(fPager.get(), &fMembers[index].fTree).IndexInsert(treeKey.data(), record);
+        MakeTreeKey(index, keys[i].data(), record, &fTreeKey);
+        error = TTree(fPager.get(), &fMembers[index].fTree).IndexInsert(fTreeKey.data(), record);
         if (error != kEngineNoError) return Broken(error);
     }
     if (record >= m.fNextRecord) m.fNextRecord = record + 1;
@@ -573,7 +576,7 @@ std::int16_t THostFile::ApplyRewrite(std::uint8_t data, std::uint32_t record, co
 
 std::int16_t THostFile::ApplyDelete(std::uint8_t data, std::uint32_t record) {
     TMember& m = fMembers[data];
-    std::vector<std::vector<std::uint8_t>> keys;
+    std::vector<std::vector<std::uint8_t>>& keys = fRecordKeys;
     std::int16_t error = RecordKeys(data, record, &keys);
     if (error != kEngineNoError) return error;
     bool found = false;
@@ -581,8 +584,8 @@ std::int16_t THostFile::ApplyDelete(std::uint8_t data, std::uint32_t record) {
     if (!found) return kBadRecordPosition;
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
-        const std::vector<std::uint8_t> treeKey = TreeKey(index, keys[i].data(), record);
-        if ((error = TTree(fPager.get(), &fMembers[index].fTree).IndexDelete(treeKey.data(), &found)) !=
+        MakeTreeKey(index, keys[i].data(), record, &fTreeKey);
+        if ((error = TTree(fPager.get(), &fMembers[index].fTree).IndexDelete(fTreeKey.data(), &found)) !=
             kEngineNoError)
             return Broken(error);
         if (!found) return Broken(kKeyNotDeleted);

@@ -94,7 +94,14 @@ public:
     std::int16_t CountBelow(std::uint8_t index, const std::uint8_t* key, bool inclusive, std::uint32_t* count);
     std::uint32_t KeyCount(std::uint8_t index) const { return fMembers[index].fTree.fCount; }
     // The tree key (key, then the record number where keys may repeat).
-    std::vector<std::uint8_t> TreeKey(std::uint8_t index, const std::uint8_t* key, std::uint32_t record) const;
+    std::vector<std::uint8_t> TreeKey(std::uint8_t index, const std::uint8_t* key, std::uint32_t record) const {
+        std::vector<std::uint8_t> treeKey;
+        MakeTreeKey(index, key, record, &treeKey);
+        return treeKey;
+    }
+    // The same into a buffer the caller keeps (no allocation once it is big enough).
+    void MakeTreeKey(std::uint8_t index, const std::uint8_t* key, std::uint32_t record,
+                     std::vector<std::uint8_t>* treeKey) const;
 
     // The whole-file check.
     std::int16_t Check(TIntegrityReport* report, const TProgress& progress);
@@ -125,6 +132,12 @@ private:
     std::unique_ptr<TPager> fPager;
     std::vector<TMember> fMembers;
     bool fReplaying = false;
+    // Buffers reused by every call, so that lookups allocate nothing.
+    std::vector<std::uint8_t> fSearchKey;
+    std::vector<std::uint8_t> fFoundKey;
+    std::vector<std::vector<std::uint8_t>> fRecordKeys;
+    std::vector<std::vector<std::uint8_t>> fNewKeys;
+    std::vector<std::uint8_t> fTreeKey;
 };
 
 }  // namespace engine

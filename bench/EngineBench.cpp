@@ -1,0 +1,236 @@
+// The keyed file engine at growing sizes: single adds, point reads through
+// each index, k-th key, range counts and deletes, at 10,000, 100,000 and
+// 1,000,000 keys (or the sizes given). For each phase: microseconds per
+// operation, and the bytes (and 4 KiB pages' worth) written per operation,
+// log and checkpoints included; after the adds, file bytes per record; at the
+// end, the peak memory of the process.
+//
+// Records are laid out as the record manager lays them out (40-byte fixed
+// part: type, ID, name) with 200 bytes of data, added in random ID order so
+// that the trees grow everywhere, not only at their right edge.
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#if defined(__unix__)
+#include <sys/resource.h>
+#include <unistd.h>
+#endif
+
+#include "engine/Engine.h"
+#include "engine/FaultFileIO.h"
+#include "engine/FileIO.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint16_t kFixed = 40;
+
+struct TDatabase {
+    std::string fPath;
+    std::string fDataName;
+    KeySegment fSegments[4] = {{0, 4, kSegmentBytes}, {4, 4, kSegmentSignedInt}, {0, 4, kSegmentBytes},
+                               {8, 32, kSegmentString}};
+    IndexDefinition fIndexes[2];
+    FileDefinition fDefinition{};
+
+    explicit TDatabase(std::string path) : fPath(std::move(path)), fDataName(fPath + "!data") {
+        fIndexes[0] = IndexDefinition{8, 0, 0, 1, 0, 2, &fSegments[0], "number_key", nullptr, nullptr, nullptr};
+        fIndexes[1] = IndexDefinition{36, 12, 0, 1, 0, 2, &fSegments[2], "name_key", nullptr, nullptr, nullptr};
+        fDefinition = FileDefinition{fDataName.c_str(), -1, kFixed, 16384, 68, 2, 4096, 64, fIndexes,
+                                     nullptr, nullptr, 0};
+    }
+    std::int16_t Data() const { return fDefinition.fChosenDataFileNumber; }
+    std::int16_t ByNumber() const { return static_cast<std::int16_t>(Data() + 1); }
+    std::int16_t ByName() const { return static_cast<std::int16_t>(Data() + 2); }
+};
+
+Bytes NumberKey(std::int32_t id) {
+    Bytes key(8);
+    std::memcpy(key.data(), "MDUM", 4);
+    std::memcpy(key.data() + 4, &id, 4);
+    return key;
+}
+
+std::string NameOf(std::int32_t id) {
+    char name[32];
+    std::snprintf(name, sizeof name, "Medium %07d", static_cast<int>(id));
+    return name;
+}
+
+Bytes NameKey(std::int32_t id) {
+    Bytes key(36, 0);
+    std::memcpy(key.data(), "MDUM", 4);
+    const std::string name = NameOf(id);
+    std::memcpy(key.data() + 4, name.data(), name.size());
+    return key;
+}
+
+Bytes Record(std::int32_t id) {
+    Bytes record(kFixed + 200, 0);
+    std::memcpy(record.data(), "MDUM", 4);
+    std::memcpy(record.data() + 4, &id, 4);
+    const std::string name = NameOf(id);
+    std::memcpy(record.data() + 8, name.data(), name.size());
+    for (std::size_t i = kFixed; i < record.size(); ++i) record[i] = static_cast<std::uint8_t>(id * 31 + i);
+    return record;
+}
+
+long PeakKilobytes() {
+#if defined(__unix__)
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+#else
+    return 0;
+#endif
+}
+
+struct TPhase {
+    const char* fName;
+    std::uint64_t fOps = 0;
+    double fSeconds = 0;
+    std::uint64_t fBytes = 0;
+};
+
+void Fail(const char* what, long detail) {
+    std::fprintf(stderr, "engine bench: %s failed (%ld, engine error %d)\n", what, detail, EngineError());
+    std::exit(1);
+}
+
+void RunSize(std::uint32_t n, const std::string& directory) {
+    engine::TCountingFileSystem counting(engine::PlatformFileSystem());
+    engine::InstallFileSystem(&counting);
+    const std::string path = directory + "/engine-" + std::to_string(n) + ".kdb";
+    std::filesystem::remove(path);
+    if (EngineInit(24, 60, 4, 24, 33) != kEngineNoError) Fail("EngineInit", 0);
+    TDatabase db(path);
+    if (CreateHostFile(0, path.c_str(), 0, 0, kHostCreateMode) != kEngineNoError) Fail("CreateHostFile", 0);
+    if (CreateFilesFromDefinition(&db.fDefinition) != kEngineNoError) Fail("CreateFilesFromDefinition", 0);
+
+    std::vector<std::int32_t> ids(n);
+    for (std::uint32_t i = 0; i < n; ++i) ids[i] = static_cast<std::int32_t>(i + 1);
+    std::mt19937 random(n);
+    std::shuffle(ids.begin(), ids.end(), random);
+    const std::uint32_t samples = std::min<std::uint32_t>(n, 100000);
+    std::vector<TPhase> phases;
+    auto time = [&](const char* name, std::uint64_t ops, auto&& body) {
+        counting.ResetCounters();
+        const auto start = Clock::now();
+        body();
+        TPhase phase{name, ops, std::chrono::duration<double>(Clock::now() - start).count(),
+                     counting.Counters().fBytesWritten};
+        phases.push_back(phase);
+    };
+
+    time("add", n, [&] {
+        for (std::int32_t id : ids) {
+            const Bytes record = Record(id);
+            if (AddVarRecord(db.Data(), record.data(), static_cast<std::uint32_t>(record.size())) != kEngineNoError)
+                Fail("AddVarRecord", id);
+        }
+    });
+    time("close + open", 1, [&] {
+        CloseFilesFromDefinition(&db.fDefinition);
+        if (CloseHostFile(0, 0) != kEngineNoError) Fail("CloseHostFile", 0);
+        if (OpenHostFile(0, path.c_str(), kHostOpenReadWrite) != kEngineNoError) Fail("OpenHostFile", 0);
+        db.fDefinition.fDataFileNumber = -1;
+        if (OpenFilesFromDefinition(&db.fDefinition) != kEngineNoError) Fail("OpenFilesFromDefinition", 0);
+    });
+    std::uint64_t fileBytes = 0;
+    {
+        std::error_code ignored;
+        fileBytes = std::filesystem::file_size(path, ignored);
+    }
+    std::uint8_t fixed[kFixed];
+    Bytes buffer(4096);
+    std::shuffle(ids.begin(), ids.end(), random);
+    time("read by number key", samples, [&] {
+        for (std::uint32_t i = 0; i < samples; ++i) {
+            const Bytes key = NumberKey(ids[i]);
+            if (GetRecordByKey(db.ByNumber(), key.data(), fixed) != kEngineNoError) Fail("GetRecordByKey", ids[i]);
+            const std::uint32_t length = VarRecordLength(db.Data());
+            if (ReadVarRecord(db.Data(), buffer.data(), length) != kEngineNoError) Fail("ReadVarRecord", ids[i]);
+        }
+    });
+    std::shuffle(ids.begin(), ids.end(), random);
+    time("read by name key", samples, [&] {
+        for (std::uint32_t i = 0; i < samples; ++i) {
+            const Bytes key = NameKey(ids[i]);
+            if (GetRecordByKey(db.ByName(), key.data(), fixed) != kEngineNoError) Fail("GetRecordByKey", ids[i]);
+            const std::uint32_t length = VarRecordLength(db.Data());
+            if (ReadVarRecord(db.Data(), buffer.data(), length) != kEngineNoError) Fail("ReadVarRecord", ids[i]);
+        }
+    });
+    constexpr std::uint32_t kSeeks = 10000;
+    time("k-th key + fixed part", kSeeks, [&] {
+        for (std::uint32_t i = 0; i < kSeeks; ++i) {
+            const std::uint32_t k = random() % n;
+            const std::uint32_t position = NthKey(db.ByName(), k, nullptr);
+            if (position == 0) Fail("NthKey", k);
+            if (ReadFixedAt(db.Data(), position, fixed) != kEngineNoError) Fail("ReadFixedAt", k);
+        }
+    });
+    time("range count", kSeeks, [&] {
+        for (std::uint32_t i = 0; i < kSeeks; ++i) {
+            std::int32_t a = static_cast<std::int32_t>(random() % n);
+            std::int32_t b = static_cast<std::int32_t>(random() % n);
+            if (a > b) std::swap(a, b);
+            const Bytes low = NumberKey(a + 1);
+            const Bytes high = NumberKey(b + 1);
+            if (CountKeyRange(db.ByNumber(), low.data(), high.data()) != std::uint32_t(b - a + 1))
+                Fail("CountKeyRange", a);
+        }
+    });
+    std::shuffle(ids.begin(), ids.end(), random);
+    time("delete", n, [&] {
+        for (std::int32_t id : ids) {
+            const Bytes key = NumberKey(id);
+            if (GetRecordByKey(db.ByNumber(), key.data(), fixed) != kEngineNoError) Fail("GetRecordByKey", id);
+            if (DeleteVarRecord(db.Data()) != kEngineNoError) Fail("DeleteVarRecord", id);
+        }
+    });
+    time("close", 1, [&] {
+        CloseFilesFromDefinition(&db.fDefinition);
+        if (CloseHostFile(0, 0) != kEngineNoError) Fail("CloseHostFile", 0);
+    });
+    EngineStop();
+    engine::InstallFileSystem(nullptr);
+    std::filesystem::remove(path);
+
+    std::printf("\n%u keys: file %.1f MiB after the adds, %.0f bytes per record\n", n, fileBytes / 1048576.0,
+                double(fileBytes) / n);
+    std::printf("  %-24s %12s %10s %12s %12s\n", "phase", "operations", "us/op", "bytes/op", "pages/op");
+    for (const TPhase& p : phases) {
+        std::printf("  %-24s %12" PRIu64 " %10.2f %12.0f %12.3f\n", p.fName, p.fOps, p.fSeconds * 1e6 / p.fOps,
+                    double(p.fBytes) / p.fOps, double(p.fBytes) / 4096.0 / p.fOps);
+    }
+    std::printf("  peak memory of the process so far: %.1f MiB\n", PeakKilobytes() / 1024.0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::uint32_t> sizes;
+    std::string directory = "/var/tmp";
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--dir") == 0 && i + 1 < argc) {
+            directory = argv[++i];
+        } else {
+            sizes.push_back(static_cast<std::uint32_t>(std::strtoul(argv[i], nullptr, 10)));
+        }
+    }
+    if (sizes.empty()) sizes = {10000, 100000, 1000000};
+    std::printf("kavoDVDB engine benchmark (files in %s)\n", directory.c_str());
+    for (std::uint32_t n : sizes) RunSize(n, directory);
+    return 0;
+}
