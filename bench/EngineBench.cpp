@@ -5,6 +5,9 @@
 // log and checkpoints included; after the adds, file bytes per record; at the
 // end, the peak memory of the process.
 //
+// Options: --dir DIRECTORY (default /var/tmp), --cache-mib N (the page cache,
+// default 64 MiB), then the sizes.
+//
 // Records are laid out as the record manager lays them out (40-byte fixed
 // part: type, ID, name) with 200 bytes of data, added in random ID order so
 // that the trees grow everywhere, not only at their right edge.
@@ -27,6 +30,7 @@
 #include "engine/Engine.h"
 #include "engine/FaultFileIO.h"
 #include "engine/FileIO.h"
+#include "engine/Pager.h"
 
 namespace {
 
@@ -100,6 +104,7 @@ struct TPhase {
     std::uint64_t fOps = 0;
     double fSeconds = 0;
     std::uint64_t fBytes = 0;
+    std::uint64_t fBytesRead = 0;
 };
 
 void Fail(const char* what, long detail) {
@@ -128,7 +133,7 @@ void RunSize(std::uint32_t n, const std::string& directory) {
         const auto start = Clock::now();
         body();
         TPhase phase{name, ops, std::chrono::duration<double>(Clock::now() - start).count(),
-                     counting.Counters().fBytesWritten};
+                     counting.Counters().fBytesWritten, counting.Counters().fBytesRead};
         phases.push_back(phase);
     };
 
@@ -209,10 +214,12 @@ void RunSize(std::uint32_t n, const std::string& directory) {
 
     std::printf("\n%u keys: file %.1f MiB after the adds, %.0f bytes per record\n", n, fileBytes / 1048576.0,
                 double(fileBytes) / n);
-    std::printf("  %-24s %12s %10s %12s %12s\n", "phase", "operations", "us/op", "bytes/op", "pages/op");
+    std::printf("  %-22s %10s %9s %13s %13s %12s\n", "phase", "operations", "us/op", "written B/op",
+                "written pg/op", "read pg/op");
     for (const TPhase& p : phases) {
-        std::printf("  %-24s %12" PRIu64 " %10.2f %12.0f %12.3f\n", p.fName, p.fOps, p.fSeconds * 1e6 / p.fOps,
-                    double(p.fBytes) / p.fOps, double(p.fBytes) / 4096.0 / p.fOps);
+        std::printf("  %-22s %10" PRIu64 " %9.2f %13.0f %13.3f %12.3f\n", p.fName, p.fOps,
+                    p.fSeconds * 1e6 / p.fOps, double(p.fBytes) / p.fOps, double(p.fBytes) / 4096.0 / p.fOps,
+                    double(p.fBytesRead) / 4096.0 / p.fOps);
     }
     std::printf("  peak memory of the process so far: %.1f MiB\n", PeakKilobytes() / 1024.0);
 }
@@ -225,12 +232,15 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--dir") == 0 && i + 1 < argc) {
             directory = argv[++i];
+        } else if (std::strcmp(argv[i], "--cache-mib") == 0 && i + 1 < argc) {
+            engine::TPager::SetCacheCapacity(std::strtoul(argv[++i], nullptr, 10) * 256);
         } else {
             sizes.push_back(static_cast<std::uint32_t>(std::strtoul(argv[i], nullptr, 10)));
         }
     }
     if (sizes.empty()) sizes = {10000, 100000, 1000000};
-    std::printf("kavoDVDB engine benchmark (files in %s)\n", directory.c_str());
+    std::printf("kavoDVDB engine benchmark (files in %s, page cache %zu MiB)\n", directory.c_str(),
+                engine::TPager::CacheCapacity() / 256);
     for (std::uint32_t n : sizes) RunSize(n, directory);
     return 0;
 }

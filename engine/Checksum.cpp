@@ -1,5 +1,12 @@
 #include "engine/Checksum.h"
 
+#include <cstring>
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <nmmintrin.h>
+#define KAVO_HARDWARE_CRC 1
+#endif
+
 namespace engine {
 namespace {
 
@@ -24,9 +31,48 @@ const TCrcTables& Tables() {
     return tables;
 }
 
+#if KAVO_HARDWARE_CRC
+// The processor's own CRC-32C instruction, where it has one: several times
+// faster than the tables, and every page read from the file is checked.
+__attribute__((target("sse4.2"))) std::uint32_t HardwareCrc32c(std::uint32_t crc, const std::uint8_t* p,
+                                                                std::size_t length) {
+    crc = ~crc;
+#if defined(__x86_64__)
+    while (length >= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p, 8);
+        crc = static_cast<std::uint32_t>(_mm_crc32_u64(crc, word));
+        p += 8;
+        length -= 8;
+    }
+#endif
+    while (length >= 4) {
+        std::uint32_t word;
+        std::memcpy(&word, p, 4);
+        crc = _mm_crc32_u32(crc, word);
+        p += 4;
+        length -= 4;
+    }
+    while (length-- != 0) crc = _mm_crc32_u8(crc, *p++);
+    return ~crc;
+}
+
+bool HasHardwareCrc() {
+    static const bool has = __builtin_cpu_supports("sse4.2");
+    return has;
+}
+#endif
+
 }  // namespace
 
 std::uint32_t Crc32c(std::uint32_t crc, const void* data, std::size_t length) {
+#if KAVO_HARDWARE_CRC
+    if (HasHardwareCrc()) return HardwareCrc32c(crc, static_cast<const std::uint8_t*>(data), length);
+#endif
+    return Crc32cPortable(crc, data, length);
+}
+
+std::uint32_t Crc32cPortable(std::uint32_t crc, const void* data, std::size_t length) {
     const auto& t = Tables().fTable;
     const auto* p = static_cast<const std::uint8_t*>(data);
     crc = ~crc;
