@@ -366,3 +366,58 @@ TEST(EngineTreeTest, ManyKeysGrowAndShrinkTheTreesEvenly) {
 }
 
 }  // namespace
+
+namespace {
+
+// Records from an empty data part to 64 MiB, across the inline limit and
+// the overflow page size, read back whole before and after a reopen.
+TEST(EngineRecordSizeTest, RecordsFromEmptyToSixtyFourMebibytesRoundTrip) {
+    kavotest::TTempDirectory dir("sizes");
+    ASSERT_EQ(EngineInit(24, 60, 4, 24, 33), kEngineNoError);
+    TTestDatabase db(dir.File("sizes.kdb"));
+    ASSERT_EQ(db.Create(), kEngineNoError);
+    const std::vector<std::size_t> sizes = {0, 1, 959, 960, 961, 4076, 4077, 8152, 100000, std::size_t{64} << 20};
+    std::mt19937 random(64);
+    std::vector<Bytes> records;
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        Bytes data(sizes[i]);
+        for (auto& b : data) b = static_cast<std::uint8_t>(random());
+        records.push_back(MakeRecord("big ", static_cast<std::int32_t>(i), "r" + std::to_string(i), data));
+        ASSERT_EQ(AddVarRecord(db.Data(), records[i].data(), static_cast<std::uint32_t>(records[i].size())),
+                  kEngineNoError);
+    }
+    for (int pass = 0; pass < 2; ++pass) {
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            const Bytes key = NumberKey("big ", static_cast<std::int32_t>(i));
+            std::uint8_t fixed[kavotest::kFixedLength];
+            ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
+            const std::uint32_t length = VarRecordLength(db.Data());
+            ASSERT_EQ(length, records[i].size());
+            Bytes back(length);
+            ASSERT_EQ(ReadVarRecord(db.Data(), back.data(), length - 1), kBufferTooSmall);
+            ASSERT_EQ(ReadVarRecord(db.Data(), back.data(), length), kEngineNoError);
+            ASSERT_TRUE(back == records[i]) << "record " << i;
+        }
+        ASSERT_EQ(db.Close(), kEngineNoError);
+        ASSERT_EQ(db.Open(), kEngineNoError);
+    }
+    // A short record and a record shorter than the fixed part are refused.
+    const Bytes tooShort(kavotest::kFixedLength - 1, 1);
+    ASSERT_EQ(AddVarRecord(db.Data(), tooShort.data(), static_cast<std::uint32_t>(tooShort.size())), kBadArgument);
+    // Deleting the long ones gives their overflow pages back.
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        const Bytes key = NumberKey("big ", static_cast<std::int32_t>(i));
+        std::uint8_t fixed[kavotest::kFixedLength];
+        ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
+        ASSERT_EQ(DeleteVarRecord(db.Data()), kEngineNoError);
+    }
+    ASSERT_EQ(db.Close(), kEngineNoError);
+    TIntegrityReport report;
+    ASSERT_EQ(CheckHostFile(db.Path().c_str(), &report), kEngineNoError);
+    EXPECT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+    EXPECT_EQ(report.fRecords, 0u);
+    EXPECT_GE(report.fFreePages, std::uint32_t{(64u << 20) / 4096});
+    EngineStop();
+}
+
+}  // namespace
