@@ -18,6 +18,33 @@ constexpr std::uint32_t kOverflowBytes = kBodyBytes;
 constexpr std::uint32_t kCellHead = 12;  // record number, total length, inline length
 
 std::uint16_t CountOf(const std::uint8_t* page) { return Get16(page + kPageCountAt); }
+
+// Orders keys as bytes, eight at a time: the binary searches spend most of
+// their time here, and a call to memcmp per probe costs more than the probe.
+inline int CompareKeys(const std::uint8_t* a, const std::uint8_t* b, std::size_t length) {
+    while (length >= 8) {
+        std::uint64_t x;
+        std::uint64_t y;
+        std::memcpy(&x, a, 8);
+        std::memcpy(&y, b, 8);
+        if (x != y) {
+#if defined(__GNUC__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+            x = __builtin_bswap64(x);
+            y = __builtin_bswap64(y);
+            return x < y ? -1 : 1;
+#else
+            return std::memcmp(a, b, 8);
+#endif
+        }
+        a += 8;
+        b += 8;
+        length -= 8;
+    }
+    for (; length > 0; --length, ++a, ++b) {
+        if (*a != *b) return *a < *b ? -1 : 1;
+    }
+    return 0;
+}
 void SetCount(std::uint8_t* page, std::uint32_t n) { Put16(page + kPageCountAt, static_cast<std::uint16_t>(n)); }
 
 // --- Interior nodes: entries of (key, child, count); entry 0's key is unused.
@@ -37,7 +64,7 @@ struct TInterior {
         std::uint32_t hi = CountOf(page);
         while (lo < hi) {
             const std::uint32_t mid = (lo + hi) / 2;
-            if (std::memcmp(Entry(page, mid), key, fKey) <= 0) {
+            if (CompareKeys(Entry(page, mid), key, fKey) <= 0) {
                 lo = mid + 1;
             } else {
                 hi = mid;
@@ -62,7 +89,7 @@ struct TIndexLeaf {
         std::uint32_t hi = CountOf(page);
         while (lo < hi) {
             const std::uint32_t mid = (lo + hi) / 2;
-            const int order = std::memcmp(Entry(page, mid), key, fKey);
+            const int order = CompareKeys(Entry(page, mid), key, fKey);
             if (order < 0 || (after && order == 0)) {
                 lo = mid + 1;
             } else {

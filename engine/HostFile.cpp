@@ -385,10 +385,9 @@ void THostFile::BuildKey(std::uint8_t index, const std::uint8_t* record, std::ui
     std::size_t at = 0;
     for (const KeySegment& s : m.fSegments) {
         if (s.fOffset < 0) break;
-        for (int j = 0; j < s.fLength; ++j) {
-            const std::uint32_t from = std::uint32_t(s.fOffset) + std::uint32_t(j);
-            if (from < length) key[at + j] = record[from];
-        }
+        // Bytes beyond the record's end stay padding.
+        const auto offset = static_cast<std::uint32_t>(s.fOffset);
+        if (offset < length) std::memcpy(key + at, record + offset, std::min<std::uint32_t>(s.fLength, length - offset));
         at += static_cast<std::size_t>(s.fLength);
     }
     TransformKey(index, key);
