@@ -482,7 +482,8 @@ std::uint32_t TPager::TakeFreePage() {
 std::int16_t TPager::Allocate(TPage** page) {
     *page = nullptr;
     if (fPoison != 0) return fPoison;
-    if (fReadOnly) return kNoWritePermission;
+    // A read-only pager allocates too, in memory only, while the host file
+    // redoes the log on opening; callers' writes are refused by the host file.
     std::int16_t error = kEngineNoError;
     TPage* frame = NewFrame(&error);
     if (frame == nullptr) return error;
@@ -630,6 +631,11 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
     if (size < std::uint64_t{fPageCount} * kPageSize && !fFile->Truncate(std::uint64_t{fPageCount} * kPageSize))
         return fail(kWriteFailed);
 
+    // Those pages and the file's length are on the disk before any commit
+    // that names them is written: a commit that reaches the disk is redone
+    // whatever else was lost, even one whose log was never synced.
+    if (!fFile->Sync()) return fail(kWriteFailed);
+
     std::vector<std::uint8_t> header(kPageSize);
     BuildHeader(header.data(), catalog, fSequence + 1, freeHead, freeCount);
     SealPage(0, header.data());
@@ -647,7 +653,7 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
     std::uint8_t sequence[8];
     Put64(sequence, fSequence + 1);
     if ((error = WriteFrame(kFrameCommit, 0, 0, sequence, sizeof sequence)) != kEngineNoError) return fail(error);
-    if (!fLog->Sync() || !fFile->Sync()) return fail(kWriteFailed);
+    if (!fLog->Sync()) return fail(kWriteFailed);
     fStats.fSyncs += 2;
 
     for (TPage* page : oldPages) {
