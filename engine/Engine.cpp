@@ -179,7 +179,7 @@ std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* reco
     foundKey.resize(stored.size());
     std::int16_t error = index->fHost->FindKey(index->fMember, mode, stored.data(), foundKey.data(), &record, &found);
     if (error != kEngineNoError) return Fail(error, indexFile);
-    if (!found) return Fail(kKeyNotFound, indexFile);
+    if (!found) return Fail(kEngineKeyNotFound, indexFile);
     index->fHost->MakeTreeKey(index->fMember, foundKey.data(), record, &index->fLastKey);
     error = ReadFixedPart(gEngine.fSlots[index->fDataSlot], record, recordBuffer);
     return Result(error, index->fDataSlot);
@@ -369,7 +369,7 @@ std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* ke
     const std::int16_t error =
         index->fHost->FindKey(index->fMember, FindMode::kAtOrAfter, stored.data(), found.data(), &record, &any);
     if (error != kEngineNoError) return Fail(error, indexFile), 0;
-    if (!any) return Fail(kKeyNotFound, indexFile), 0;
+    if (!any) return Fail(kEngineKeyNotFound, indexFile), 0;
     index->fHost->MakeTreeKey(index->fMember, found.data(), record, &index->fLastKey);
     CopyKey(*index, found.data(), keyBuffer);
     return record;

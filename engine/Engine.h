@@ -128,12 +128,12 @@ std::int16_t SetFileWord(std::int16_t fileNumber, const void* twoBytes);
 std::int16_t AddVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length);
 // Finds the key equal to key (transformed first unless keys arrive
 // transformed), makes its record the data file's current record and reads the
-// fixed part into recordBuffer. kKeyNotFound when no key is equal.
+// fixed part into recordBuffer. kEngineKeyNotFound when no key is equal.
 std::int16_t GetRecordByKey(std::int16_t indexFile, const void* key, void* recordBuffer);
 // The same with the last key less than or equal to key.
 std::int16_t GetRecordAtOrBefore(std::int16_t indexFile, const void* key, void* recordBuffer);
 // First key greater than or equal to key: its record position, the key copied
-// into keyBuffer; 0 and kKeyNotFound when there is none.
+// into keyBuffer; 0 and kEngineKeyNotFound when there is none.
 std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* keyBuffer);
 // First key of the index; 0 when the index is empty (error 0).
 std::uint32_t FirstKey(std::int16_t indexFile, void* keyBuffer);

@@ -42,6 +42,20 @@
 #define KAVO_API
 #endif
 
+/* Exported classes (include/kavoDVDBClasses.h) carry their own mark: on
+   Windows the DLL exports them and C++ hosts import them. */
+#if defined(_WIN32)
+#if defined(KAVO_BUILDING_LIBRARY)
+#define KAVO_CLASS_API __declspec(dllexport)
+#else
+#define KAVO_CLASS_API __declspec(dllimport)
+#endif
+#elif defined(KAVO_BUILDING_LIBRARY)
+#define KAVO_CLASS_API __attribute__((visibility("default")))
+#else
+#define KAVO_CLASS_API
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

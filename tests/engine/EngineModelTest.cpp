@@ -170,7 +170,7 @@ TEST_P(EngineModelTest, RandomOperationsMatchTheModelAcrossReopens) {
             std::uint8_t fixed[kavotest::kFixedLength];
             const std::int16_t error = GetRecordByKey(byName ? db.NameIndex() : db.NumberIndex(), key.data(), fixed);
             if (expected == nullptr) {
-                ASSERT_EQ(error, kKeyNotFound);
+                ASSERT_EQ(error, kEngineKeyNotFound);
                 continue;
             }
             ASSERT_EQ(error, kEngineNoError);
@@ -264,7 +264,7 @@ TEST_P(EngineModelTest, RandomOperationsMatchTheModelAcrossReopens) {
             std::uint8_t fixed[kavotest::kFixedLength];
             const std::int16_t error = GetRecordAtOrBefore(db.NumberIndex(), key.data(), fixed);
             if (expected == 0) {
-                ASSERT_EQ(error, kKeyNotFound);
+                ASSERT_EQ(error, kEngineKeyNotFound);
             } else {
                 ASSERT_EQ(error, kEngineNoError);
                 ASSERT_EQ(CurrentRecord(db), fModel.at(expected).fBytes);
