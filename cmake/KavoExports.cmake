@@ -21,8 +21,8 @@ function(kavo_generate_export_files exports_file out_def out_map)
     endif()
     if(convention STREQUAL "stdcall")
       list(GET fields 2 bytes)
-      # The linker adds the leading underscore of the C symbol itself, so the
-      # internal name is written without it; the exported name keeps it.
+      # The linker adds the leading underscore of the C symbol itself, so
+      # the internal name is written without it; the exported name keeps it.
       string(APPEND def "  _${name}@${bytes} = ${name}@${bytes}\n")
     else()
       string(APPEND def "  ${name}\n")
