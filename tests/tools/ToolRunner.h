@@ -1,0 +1,47 @@
+// Runs a command-line program the way a shell user would, capturing what it
+// writes and how it ends, in a fresh directory of its own.
+#ifndef KAVO_TESTS_TOOLS_TOOLRUNNER_H
+#define KAVO_TESTS_TOOLS_TOOLRUNNER_H
+
+#include <string>
+#include <vector>
+
+namespace kavotest {
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes.
+class TScratchDirectory {
+public:
+    TScratchDirectory();
+    ~TScratchDirectory();
+    TScratchDirectory(const TScratchDirectory&) = delete;
+    TScratchDirectory& operator=(const TScratchDirectory&) = delete;
+
+    const std::string& Path() const { return fPath; }
+    std::string File(const std::string& name) const { return fPath + "/" + name; }
+
+private:
+    std::string fPath;
+};
+
+struct TRunResult {
+    bool fExited = false;  // false: it ended by a signal (a crash)
+    int fExitCode = -1;
+    std::string fOut;
+    std::string fErr;
+};
+
+// Runs program with the arguments, each passed as it is, in directory, with
+// input as its standard input.
+TRunResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                      const std::string& directory, const std::string& input = "");
+
+std::string ReadFileBytes(const std::string& path);
+void WriteFileBytes(const std::string& path, const std::string& bytes);
+
+// The lines of a text, without their line ends.
+std::vector<std::string> SplitLines(const std::string& text);
+
+}  // namespace kavotest
+
+#endif  // KAVO_TESTS_TOOLS_TOOLRUNNER_H
