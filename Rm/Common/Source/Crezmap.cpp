@@ -35,12 +35,6 @@ bool CNodeArray::TNameKey::operator==(const TNameKey& other) const {
     return std::memcmp(fBytes, other.fBytes, sizeof fBytes) == 0;
 }
 
-std::size_t CNodeArray::TNameKeyHash::operator()(const TNameKey& key) const {
-    std::uint32_t hash = 2166136261u;  // FNV-1a
-    for (char c : key.fBytes) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619u;
-    return hash;
-}
-
 // Names compare as NUL-terminated strings over at most 32 characters, so two
 // names are equal exactly when their NUL-padded 32-byte fields are.
 CNodeArray::TNameKey CNodeArray::MakeNameKey(const char* type, const char* name) {
@@ -60,43 +54,29 @@ std::uint64_t CNodeArray::MakeIDKey(const char* type, std::int32_t id) {
 
 template <typename TIndex, typename TKey>
 bool CNodeArray::LowestSlot(const TIndex& index, const TKey& key, std::uint16_t* slot) {
-    const auto range = index.equal_range(key);
-    if (range.first == range.second) return false;
-    std::uint16_t lowest = kNoSlot;
-    for (auto it = range.first; it != range.second; ++it) lowest = std::min(lowest, it->second);
-    *slot = lowest;
-    return true;
+    return index.Lowest(key, slot);
 }
 
 template <typename TIndex, typename TKey>
 void CNodeArray::EraseSlot(TIndex& index, const TKey& key, std::uint16_t slot) {
-    const auto range = index.equal_range(key);
-    for (auto it = range.first; it != range.second; ++it) {
-        if (it->second == slot) {
-            index.erase(it);
-            return;
-        }
-    }
+    index.Erase(key, slot);
 }
 
 bool CNodeArray::IndexNode(const NodeRecord& node, std::uint16_t index) {
     const TNameKey nameKey = MakeNameKey(node.type, node.name);
     const std::uint64_t idKey = MakeIDKey(node.type, node.id);
     const auto dataKey = reinterpret_cast<std::uintptr_t>(node.data);
-    bool byName = false;
-    bool byID = false;
-    try {
-        fByName.emplace(nameKey, index);
-        byName = true;
-        fByID.emplace(idKey, index);
-        byID = true;
-        fByData.emplace(dataKey, index);
-        return true;
-    } catch (...) {
-        if (byName) EraseSlot(fByName, nameKey, index);
-        if (byID) EraseSlot(fByID, idKey, index);
+    if (!fByName.Insert(nameKey, index)) return false;
+    if (!fByID.Insert(idKey, index)) {
+        fByName.Erase(nameKey, index);
         return false;
     }
+    if (!fByData.Insert(dataKey, index)) {
+        fByName.Erase(nameKey, index);
+        fByID.Erase(idKey, index);
+        return false;
+    }
+    return true;
 }
 
 void CNodeArray::UnindexNode(const NodeRecord& node, std::uint16_t index) {

@@ -17,9 +17,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
 
+#include "Rm/Common/Source/Slotindex.h"
 #include "kavoDVDB.h"
 
 constexpr std::int32_t kTrue = 1;
@@ -103,12 +103,9 @@ private:
         char fBytes[kTypeLength + kNameLength];
         bool operator==(const TNameKey& other) const;
     };
-    struct TNameKeyHash {
-        std::size_t operator()(const TNameKey& key) const;
-    };
-    using TNameIndex = std::unordered_multimap<TNameKey, std::uint16_t, TNameKeyHash>;
-    using TIDIndex = std::unordered_multimap<std::uint64_t, std::uint16_t>;
-    using TDataIndex = std::unordered_multimap<std::uintptr_t, std::uint16_t>;
+    using TNameIndex = TSlotIndex<TNameKey>;
+    using TIDIndex = TSlotIndex<std::uint64_t>;
+    using TDataIndex = TSlotIndex<std::uintptr_t>;
 
     static TNameKey MakeNameKey(const char* type, const char* name);
     static std::uint64_t MakeIDKey(const char* type, std::int32_t id);

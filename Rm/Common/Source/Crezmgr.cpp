@@ -147,7 +147,9 @@ CRezManager::CRezManager()
       fLastError(kNoError),
       fOpenDBList(nullptr),
       fDiscardedRefNumList(nullptr),
-      fCurrentRefNum(kAllFiles) {
+      fCurrentRefNum(kAllFiles),
+      fLastFoundRefNum(0),
+      fLastFoundDB(nullptr) {
     KAVO_ASSERT(fNumInstances == 0);
     fNumInstances = 1;
     fOpenDBList = new (std::nothrow) TRefList;
@@ -227,12 +229,20 @@ std::int16_t CRezManager::GetDBFromRefNum(std::int16_t targetRefNum, CDatabase**
     if (!KAVO_CHECK(targetRefNum != kAllFiles)) return SetLastError(kBadRefNum);
     if (targetRefNum == kCurrentFile) targetRefNum = fCurrentRefNum;
     if (fOpenDBList == nullptr) return SetLastError(kBadRefNum);
+    // Reference numbers in the list are unique, so the last one found is
+    // found again at the same entry as long as no database has closed.
+    if (fLastFoundDB != nullptr && targetRefNum == fLastFoundRefNum) {
+        *targetDB = fLastFoundDB;
+        return SetLastError(kNoError);
+    }
     for (std::uint16_t i = 0; i < fOpenDBList->Count(); ++i) {
         void* entry = nullptr;
         TOpenDBEntry open;
         if (fOpenDBList->Get(i, &entry) != kNoError || !ReadEntry(entry, &open)) continue;
         if (open.fRefNum == targetRefNum) {
             *targetDB = open.fDatabase;
+            fLastFoundRefNum = targetRefNum;
+            fLastFoundDB = open.fDatabase;
             return SetLastError(kNoError);
         }
     }
@@ -320,6 +330,7 @@ std::int16_t CRezManager::Close(std::int16_t refNum) {
     CDatabase* database = nullptr;
     error = GetDBFromRefNum(refNum, &database);
     if (error != kNoError) return SetLastError(error);
+    fLastFoundDB = nullptr;
     if (database->Close() == kNoError) {
         delete database;
     } else {
@@ -591,6 +602,12 @@ std::int16_t CRezManager::GetHomeDB(MSHandle theRecord, std::int16_t* refNum) {
     // compares handle values only and answers kHandleNotInDB.
     KAVO_ASSERT(MSValidHandle(theRecord));
     *refNum = 0;
+    // A handle lives in one map at most, so the database last found, when it
+    // owns the handle, is the one the walk would find.
+    if (fLastFoundDB != nullptr && fLastFoundDB->OwnsRecord(theRecord)) {
+        *refNum = fLastFoundRefNum;
+        return SetLastError(kNoError);
+    }
     std::uint16_t count = 0;
     CountFiles(&count);
     for (std::uint16_t i = 0; i < count; ++i) {

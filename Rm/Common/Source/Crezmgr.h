@@ -125,6 +125,11 @@ private:
     TRefList* fOpenDBList;
     TList* fDiscardedRefNumList;
     int16_t fCurrentRefNum;
+    // The last database found by its reference number: every record
+    // operation looks its database up two to four times. Forgotten when a
+    // database closes; the open list stays the record of truth.
+    int16_t fLastFoundRefNum;
+    CDatabase* fLastFoundDB;
 
     static int16_t fNumInstances;
 };
