@@ -22,6 +22,11 @@ std::uint16_t CountOf(const std::uint8_t* page) { return Get16(page + kPageCount
 // Orders keys as bytes, eight at a time: the binary searches spend most of
 // their time here, and a call to memcmp per probe costs more than the probe.
 inline int CompareKeys(const std::uint8_t* a, const std::uint8_t* b, std::size_t length) {
+    if (length == 4) {  // record numbers, big-endian
+        const std::uint32_t x = GetBig32(a);
+        const std::uint32_t y = GetBig32(b);
+        return x == y ? 0 : (x < y ? -1 : 1);
+    }
     while (length >= 8) {
         std::uint64_t x;
         std::uint64_t y;
@@ -222,7 +227,11 @@ std::int16_t TTree::FetchNode(std::uint32_t number, std::uint8_t level, TPageRef
     const std::int16_t error = fPager->Fetch(number, &page);
     if (error != kEngineNoError) return error;
     *ref = TPageRef(fPager, page);
-    if (!page->fChecked) {
+    // A page is checked whole once; after that only that it is what this
+    // fetch expects, since a pointer damaged behind a valid checksum can lead
+    // another tree, or another level, to a page checked as something else.
+    if (!page->fChecked || page->fData[kPageLevelAt] != level ||
+        Get32(page->fData + kPageOwnerAt) != fInfo->fMember) {
         if (!CheckNode(page->fData, level)) {
             char message[128];
             std::snprintf(message, sizeof message, kMsgNodeDiagnostic, int{fInfo->fMember}, int{level},
@@ -680,7 +689,7 @@ std::int16_t TTree::IndexRank(const std::uint8_t* key, bool inclusive, std::uint
     *rank = 0;
     const TInterior interior{InteriorKeyLength()};
     std::uint32_t number = fInfo->fRoot;
-    std::uint32_t below = 0;
+    std::uint64_t below = 0;
     for (int level = fInfo->fHeight - 1; level > 0; --level) {
         TPageRef node;
         const std::int16_t error = FetchNode(number, static_cast<std::uint8_t>(level), &node);
@@ -693,7 +702,10 @@ std::int16_t TTree::IndexRank(const std::uint8_t* key, bool inclusive, std::uint
     const std::int16_t error = FetchNode(number, 0, &leaf);
     if (error != kEngineNoError) return error;
     below += TIndexLeaf{fInfo->fKeyLength}.Bound(leaf.Data(), key, inclusive);
-    *rank = below;
+    // Counts that add up to more keys than the tree holds were written wrong
+    // (a checksum cannot tell): damage, not a rank.
+    if (below > fInfo->fCount) return kPageDamaged;
+    *rank = static_cast<std::uint32_t>(below);
     return kEngineNoError;
 }
 
@@ -786,6 +798,27 @@ std::int16_t TTree::DataRead(std::uint32_t record, std::uint32_t offset, std::ui
     const std::uint32_t head = Get32(cell + kCellHead + inlined);
     leaf.Reset();
     return ReadOverflow(head, offset - inlined, out, length);
+}
+
+std::int16_t TTree::DataReadUpTo(std::uint32_t record, std::uint32_t limit, std::uint8_t* out,
+                                 std::uint32_t* length, bool* found) {
+    TPageRef leaf;
+    int slot = -1;
+    *found = false;
+    const std::int16_t error = LocateRecord(record, &leaf, &slot);
+    if (error != kEngineNoError || slot < 0) return error;
+    *found = true;
+    const std::uint8_t* cell = TDataLeaf::Cell(leaf.Data(), slot);
+    const std::uint32_t total = Get32(cell + 4);
+    const std::uint32_t inlined = Get32(cell + 8);
+    *length = total;
+    const std::uint32_t wanted = std::min(limit, total);
+    const std::uint32_t here = std::min(wanted, inlined);
+    if (here != 0) std::memcpy(out, cell + kCellHead, here);
+    if (wanted == here) return kEngineNoError;
+    const std::uint32_t head = Get32(cell + kCellHead + inlined);
+    leaf.Reset();
+    return ReadOverflow(head, 0, out + here, wanted - here);
 }
 
 // ---------------------------------------------------------------------------

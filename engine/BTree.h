@@ -76,6 +76,10 @@ public:
     // Reads length bytes from offset of the record (which must exist and be
     // long enough).
     std::int16_t DataRead(std::uint32_t record, std::uint32_t offset, std::uint8_t* out, std::uint32_t length);
+    // Reads the record's first bytes, at most limit, and gives its whole
+    // length: one lookup for both.
+    std::int16_t DataReadUpTo(std::uint32_t record, std::uint32_t limit, std::uint8_t* out, std::uint32_t* length,
+                              bool* found);
 
     // --- Walking the whole tree (integrity check).
     struct TVisitor {

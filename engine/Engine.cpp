@@ -107,14 +107,19 @@ std::int16_t ChooseNumbers(const FileDefinition& definition, std::int16_t* first
 
 // Gives the definition's members their file numbers.
 std::int16_t OpenMembers(FileDefinition* definition, THostFile* host, const std::string& dataName) {
+    // The caller sizes its record and key buffers by its definition and the
+    // engine fills them by the stored lengths: the two must agree.
     std::uint8_t data = 0;
-    if (host->FindMember(dataName, &data) != kEngineNoError || !host->Member(data).fIsData) return kFileNotOpened;
+    if (host->FindMember(dataName, &data) != kEngineNoError || !host->Member(data).fIsData ||
+        host->Member(data).fFixedLength != definition->fFixedLength)
+        return kFileNotOpened;
     std::vector<std::uint8_t> indexes;
     for (int i = 0; i < definition->fIndexCount; ++i) {
         std::uint8_t index = 0;
         const char* name = definition->fIndexes[i].fName;
         if (name == nullptr || host->FindMember(name, &index) != kEngineNoError ||
-            host->Member(index).fIsData || host->Member(index).fOwner != data)
+            host->Member(index).fIsData || host->Member(index).fOwner != data ||
+            host->Member(index).fKeyLength != definition->fIndexes[i].fKeyLength)
             return kFileNotOpened;
         indexes.push_back(index);
     }
@@ -158,13 +163,12 @@ std::int16_t ReadFixedPart(TSlot& data, std::uint32_t record, void* buffer) {
     THostFile* host = data.fHost;
     std::uint32_t length = 0;
     bool found = false;
-    std::int16_t error = host->RecordLength(data.fMember, record, &length, &found);
+    const std::int16_t error = host->ReadRecordUpTo(data.fMember, record, host->Member(data.fMember).fFixedLength,
+                                                    static_cast<std::uint8_t*>(buffer), &length, &found);
     if (error != kEngineNoError) return error;
     if (!found) return kBadRecordPosition;
     data.fCurrent = record;
-    const std::uint32_t fixed = std::min<std::uint32_t>(host->Member(data.fMember).fFixedLength, length);
-    if (fixed == 0) return kEngineNoError;
-    return host->ReadRecord(data.fMember, record, 0, static_cast<std::uint8_t*>(buffer), fixed);
+    return kEngineNoError;
 }
 
 std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* recordBuffer, FindMode mode) {
@@ -172,6 +176,7 @@ std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* reco
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return engine::gErrorState.fError;
     if (key == nullptr || recordBuffer == nullptr) return Fail(kBadArgument, indexFile);
+    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::uint32_t record = 0;
     bool found = false;
@@ -361,6 +366,7 @@ std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* ke
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (key == nullptr) return Fail(kBadArgument, indexFile), 0;
+    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::vector<std::uint8_t>& found = gEngine.fFoundKey;
     found.resize(stored.size());
@@ -379,6 +385,7 @@ std::uint32_t NthKey(std::int16_t indexFile, std::uint32_t n, void* keyBuffer) {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
+    index->fHost->NoteRead();
     std::vector<std::uint8_t> treeKey;
     std::uint32_t record = 0;
     bool found = false;
@@ -397,6 +404,7 @@ std::uint32_t NextKey(std::int16_t indexFile, void* keyBuffer) {
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (index->fLastKey.empty()) return Fail(kNoCurrentRecord, indexFile), 0;
+    index->fHost->NoteRead();
     std::vector<std::uint8_t> next;
     std::uint32_t record = 0;
     bool found = false;
@@ -415,6 +423,7 @@ std::int16_t ReadFixedAt(std::int16_t dataFile, std::uint32_t position, void* bu
     if (data == nullptr) return engine::gErrorState.fError;
     if (buffer == nullptr) return Fail(kBadArgument, dataFile);
     if (position == 0) return Fail(kBadRecordPosition, dataFile);
+    data->fHost->NoteRead();
     return Result(ReadFixedPart(*data, position, buffer), dataFile);
 }
 
@@ -442,12 +451,13 @@ std::int16_t ReadVarRecord(std::int16_t dataFile, void* buffer, std::uint32_t bu
     if (data->fCurrent == 0) return Fail(kNoCurrentRecord, dataFile);
     std::uint32_t length = 0;
     bool found = false;
-    std::int16_t error = data->fHost->RecordLength(data->fMember, data->fCurrent, &length, &found);
+    const std::int16_t error = data->fHost->ReadRecordUpTo(data->fMember, data->fCurrent, bufferLength,
+                                                           static_cast<std::uint8_t*>(buffer), &length, &found);
     if (error != kEngineNoError) return Fail(error, dataFile);
     if (!found) return Fail(kNoCurrentRecord, dataFile);
+    // The buffer holds as much as fitted; the caller asked for all of it.
     if (bufferLength < length) return Fail(kBufferTooSmall, dataFile);
-    error = data->fHost->ReadRecord(data->fMember, data->fCurrent, 0, static_cast<std::uint8_t*>(buffer), length);
-    return Result(error, dataFile);
+    return kEngineNoError;
 }
 
 std::int16_t ReWriteVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length) {
@@ -480,6 +490,7 @@ std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const vo
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (lowKey == nullptr || highKey == nullptr) return Fail(kBadArgument, indexFile), 0;
+    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& low = StoredKey(*index, lowKey, &gEngine.fKey);
     const std::vector<std::uint8_t>& high = StoredKey(*index, highKey, &gEngine.fHighKey);
     std::uint32_t below = 0;
@@ -498,6 +509,7 @@ std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key) {
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (key == nullptr) return Fail(kBadArgument, indexFile), 0;
+    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::uint32_t below = 0;
     const std::int16_t error = index->fHost->CountBelow(index->fMember, stored.data(), false, &below);

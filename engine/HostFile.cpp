@@ -472,6 +472,7 @@ std::int16_t THostFile::Refusal() const {
 std::int16_t THostFile::Log(std::uint8_t kind, std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
                             std::uint32_t length) {
     if (fReplaying) return kEngineNoError;
+    fReadsSinceWrite = 0;
     std::int16_t error = fPager->AppendLog(kind, data, record, bytes, length);
     if (error != kEngineNoError) return error;
     // The operation is done; a checkpoint that fails now is felt by the
@@ -631,6 +632,13 @@ std::int16_t THostFile::ReadRecord(std::uint8_t data, std::uint32_t record, std:
                                    std::uint32_t length) {
     if (const std::int16_t refused = fPager->Poisoned()) return refused;
     return TTree(fPager.get(), &fMembers[data].fTree).DataRead(record, offset, out, length);
+}
+
+std::int16_t THostFile::ReadRecordUpTo(std::uint8_t data, std::uint32_t record, std::uint32_t limit,
+                                      std::uint8_t* out, std::uint32_t* length, bool* found) {
+    *found = false;
+    if (const std::int16_t refused = fPager->Poisoned()) return refused;
+    return TTree(fPager.get(), &fMembers[data].fTree).DataReadUpTo(record, limit, out, length, found);
 }
 
 // ---------------------------------------------------------------------------

@@ -36,9 +36,14 @@ constexpr std::uint32_t kLogHeaderSize = 32;
 constexpr std::uint32_t kFrameHeadSize = 16;
 constexpr std::uint32_t kMaxFramePayload = 0x40000000;
 
-// A checkpoint is due when the log passes this size, or when the changed
-// pages of the last checkpoint's state fill half the cache.
+// A checkpoint is due when the log passes this size, when this many pages
+// have been allocated since the last one (new pages go straight to their
+// place, cheaply and in order), or when the changed pages of the last
+// checkpoint's state fill half the cache (each of those is written twice, so
+// they are left to gather and be written once for many changes).
 constexpr std::uint64_t kCheckpointLogBytes = 64ull << 20;
+constexpr std::size_t kCheckpointFreshPages = 1024;
+constexpr std::size_t kCheckpointOldPages = 2048;
 
 std::size_t gCacheCapacity = 16384;  // 64 MiB of pages
 std::uint32_t gSaltCounter = 0;
@@ -57,6 +62,46 @@ bool PageSealIsValid(std::uint32_t number, const std::uint8_t* data) {
     return Get32(data + kPageBodySize) == Crc32c(Crc32c(0, prefix, 4), data, kPageBodySize);
 }
 
+void TPageTable::Grow() {
+    std::vector<TPage*> old = std::move(fSlots);
+    fSlots.assign(old.empty() ? 64 : old.size() * 2, nullptr);
+    fMask = fSlots.size() - 1;
+    for (TPage* page : old) {
+        if (page == nullptr) continue;
+        std::size_t i = Home(page->fNumber);
+        while (fSlots[i] != nullptr) i = (i + 1) & fMask;
+        fSlots[i] = page;
+    }
+}
+
+void TPageTable::Insert(TPage* page) {
+    if ((fCount + 1) * 2 > fSlots.size()) Grow();
+    std::size_t i = Home(page->fNumber);
+    while (fSlots[i] != nullptr && fSlots[i]->fNumber != page->fNumber) i = (i + 1) & fMask;
+    if (fSlots[i] == nullptr) ++fCount;
+    fSlots[i] = page;
+}
+
+void TPageTable::Erase(std::uint32_t number) {
+    if (fCount == 0) return;
+    std::size_t hole = Home(number);
+    while (fSlots[hole] == nullptr || fSlots[hole]->fNumber != number) {
+        if (fSlots[hole] == nullptr) return;
+        hole = (hole + 1) & fMask;
+    }
+    // Later members of the probe run move back, so that no lookup stops early.
+    for (std::size_t next = (hole + 1) & fMask; fSlots[next] != nullptr; next = (next + 1) & fMask) {
+        const std::size_t home = Home(fSlots[next]->fNumber);
+        const bool movable = hole <= next ? (home <= hole || home > next) : (home <= hole && home > next);
+        if (movable) {
+            fSlots[hole] = fSlots[next];
+            hole = next;
+        }
+    }
+    fSlots[hole] = nullptr;
+    --fCount;
+}
+
 void TPager::SetCacheCapacity(std::size_t pages) { gCacheCapacity = pages < 16 ? 16 : pages; }
 std::size_t TPager::CacheCapacity() { return gCacheCapacity; }
 
@@ -64,11 +109,7 @@ TPager::TPager(const std::string& path, bool readOnly)
     : fPath(path), fLogPath(path + "!log"), fReadOnly(readOnly) {}
 
 TPager::~TPager() {
-    for (auto& [number, page] : fPages) {
-        delete[] page->fData;
-        delete page;
-    }
-    for (TPage* page : fSpareFrames) {
+    for (TPage* page : fFrames) {
         delete[] page->fData;
         delete page;
     }
@@ -301,7 +342,13 @@ std::int16_t TPager::StartLog() {
         fLog = fs->Open(fLogPath, fs->Exists(fLogPath) ? OpenMode::kReadWrite : OpenMode::kCreateNew, &error);
         if (!fLog) return kWriteFailed;
     }
-    if (!fLog->Truncate(0)) return kWriteFailed;
+    // A new header with a new salt voids every frame after it, so the old
+    // frames need not go; but a log grown beyond a megabyte is cut back, so
+    // that the file does not hold the space (and its removal at the close,
+    // which frees it, stays quick).
+    std::uint64_t size = 0;
+    if (!fLog->Size(&size)) return kWriteFailed;
+    if (size > (1u << 20) && !fLog->Truncate(0)) return kWriteFailed;
     return WriteLogHeader();
 }
 
@@ -358,40 +405,35 @@ std::int16_t TPager::AppendLog(std::uint8_t kind, std::uint8_t member, std::uint
 // ---------------------------------------------------------------------------
 // The cache
 
-void TPager::Unlist(TPage* page) {
-    if (!page->fListed) return;
-    (page->fOlder ? page->fOlder->fNewer : fOldest) = page->fNewer;
-    (page->fNewer ? page->fNewer->fOlder : fNewest) = page->fOlder;
-    page->fOlder = page->fNewer = nullptr;
-    page->fListed = false;
-}
-
-void TPager::ListAsNewest(TPage* page) {
-    page->fOlder = fNewest;
-    page->fNewer = nullptr;
-    (fNewest ? fNewest->fNewer : fOldest) = page;
-    fNewest = page;
-    page->fListed = true;
-}
-
 void TPager::Forget(TPage* page) {
-    Unlist(page);
-    fPages.erase(page->fNumber);
-    page->fDirty = page->fFresh = page->fChecked = false;
+    fPages.Erase(page->fNumber);
+    page->fDirty = page->fFresh = page->fChecked = page->fReferenced = page->fInUse = false;
     page->fPins = 0;
     fSpareFrames.push_back(page);
 }
 
+// Frees frames while the cache is full: the clock hand passes over pinned
+// pages and changed pages of the last checkpoint's state, gives each used
+// page one more round, and evicts the first page it finds unused (writing it
+// first when it was allocated since the last checkpoint: nothing depends on
+// its place in the file yet). When nothing can go, the cache grows past its
+// size until the next checkpoint.
 std::int16_t TPager::MakeRoom() {
-    while (fFrameCount - fSpareFrames.size() >= gCacheCapacity && fOldest != nullptr) {
-        TPage* victim = fOldest;
-        if (victim->fDirty) {
-            // Only pages allocated since the last checkpoint are listed while
-            // changed: nothing depends on their place in the file yet.
-            const std::int16_t error = WritePageToFile(victim->fNumber, victim->fData);
-            if (error != kEngineNoError) return error;
+    std::size_t budget = 2 * fFrames.size();
+    while (fFrames.size() - fSpareFrames.size() >= gCacheCapacity && budget-- > 0) {
+        if (fHand >= fFrames.size()) fHand = 0;
+        TPage* page = fFrames[fHand++];
+        if (!page->fInUse || page->fPins > 0 || !Evictable(page)) continue;
+        if (page->fReferenced) {
+            page->fReferenced = false;
+            continue;
         }
-        Forget(victim);
+        if (page->fDirty) {
+            const std::int16_t error = WritePageToFile(page->fNumber, page->fData);
+            if (error != kEngineNoError) return error;
+            fEvictedSinceCheckpoint = true;
+        }
+        Forget(page);
     }
     return kEngineNoError;
 }
@@ -406,7 +448,7 @@ TPage* TPager::NewFrame(std::int16_t* error) {
     }
     auto* page = new TPage;
     page->fData = new std::uint8_t[kPageSize];
-    ++fFrameCount;
+    fFrames.push_back(page);
     return page;
 }
 
@@ -440,10 +482,8 @@ std::int16_t TPager::Fetch(std::uint32_t number, TPage** page) {
         LogStatus(fPath.c_str(), kLowNodeBeyondEnd);
         return kPageDamaged;
     }
-    const auto found = fPages.find(number);
-    if (found != fPages.end()) {
-        TPage* cached = found->second;
-        Unlist(cached);
+    if (TPage* cached = fPages.Find(number)) {
+        cached->fReferenced = true;
         ++cached->fPins;
         *page = cached;
         return kEngineNoError;
@@ -464,7 +504,9 @@ std::int16_t TPager::Fetch(std::uint32_t number, TPage** page) {
     frame->fDirty = false;
     frame->fChecked = false;
     frame->fFresh = fFresh.count(number) != 0;
-    fPages[number] = frame;
+    frame->fReferenced = true;
+    frame->fInUse = true;
+    fPages.Insert(frame);
     *page = frame;
     return kEngineNoError;
 }
@@ -499,14 +541,15 @@ std::int16_t TPager::Allocate(TPage** page) {
     frame->fDirty = true;
     frame->fFresh = true;
     frame->fChecked = true;
-    fPages[number] = frame;
+    frame->fReferenced = true;
+    frame->fInUse = true;
+    fPages.Insert(frame);
     *page = frame;
     return kEngineNoError;
 }
 
 void TPager::Unpin(TPage* page) {
     if (page->fPins > 0) --page->fPins;
-    if (page->fPins == 0 && Evictable(page) && !page->fListed) ListAsNewest(page);
 }
 
 void TPager::MarkDirty(TPage* page) {
@@ -516,9 +559,7 @@ void TPager::MarkDirty(TPage* page) {
 }
 
 void TPager::FreePage(std::uint32_t number) {
-    const auto found = fPages.find(number);
-    if (found != fPages.end()) {
-        TPage* page = found->second;
+    if (TPage* page = fPages.Find(number)) {
         if (page->fDirty && !page->fFresh) --fDirtyOld;
         Forget(page);
     }
@@ -543,12 +584,18 @@ std::vector<std::uint32_t> TPager::FreePages() const {
 // Checkpoints
 
 bool TPager::CheckpointDue() const {
-    return !fReadOnly && fPoison == 0 && (fLogSize > kCheckpointLogBytes || fDirtyOld > gCacheCapacity / 2);
+    return !fReadOnly && fPoison == 0 &&
+           (fLogSize > kCheckpointLogBytes || fFresh.size() > kCheckpointFreshPages || fDirtyOld > kCheckpointOldPages);
 }
 
-// Writes the free set of the next checkpoint's state into new free-list
-// pages, taken from pages that nothing in the last checkpoint's state uses.
-std::int16_t TPager::WriteFreeList(std::uint32_t* head, std::uint32_t* count) {
+bool TPager::HasChanges() const {
+    return !fReadOnly && fPoison == 0 &&
+           (fLogSize != 0 || !fFresh.empty() || !fFreedSinceCheckpoint.empty() || fDirtyOld != 0);
+}
+
+// The free set of the next checkpoint's state, laid out in new free-list
+// pages taken from pages that nothing in the last checkpoint's state uses.
+std::int16_t TPager::BuildFreeList(std::uint32_t* head, std::uint32_t* count, std::vector<TImage>* images) {
     std::set<std::uint32_t> free = fFree;
     free.insert(fFreedSinceCheckpoint.begin(), fFreedSinceCheckpoint.end());
     free.insert(fFreeListPages.begin(), fFreeListPages.end());
@@ -571,27 +618,88 @@ std::int16_t TPager::WriteFreeList(std::uint32_t* head, std::uint32_t* count) {
         free.erase(number);
     }
     std::vector<std::uint32_t> entries(free.begin(), free.end());
-    std::vector<std::uint8_t> page(kPageSize);
     std::size_t next = 0;
     for (std::size_t i = 0; i < listPages.size(); ++i) {
-        std::memset(page.data(), 0, kPageSize);
+        TImage image;
+        image.fNumber = listPages[i];
+        image.fOwned.assign(kPageSize, 0);
+        std::uint8_t* page = image.fOwned.data();
         page[kPageTypeAt] = kPageTypeFreeList;
         const std::size_t take = std::min<std::size_t>(kFreeEntriesPerPage, entries.size() - next);
-        Put16(page.data() + kPageCountAt, static_cast<std::uint16_t>(take));
-        Put32(page.data() + kPageAuxAt, i + 1 < listPages.size() ? listPages[i + 1] : 0);
-        for (std::size_t j = 0; j < take; ++j) Put32(page.data() + kPageHeaderSize + 4 * j, entries[next + j]);
+        Put16(page + kPageCountAt, static_cast<std::uint16_t>(take));
+        Put32(page + kPageAuxAt, i + 1 < listPages.size() ? listPages[i + 1] : 0);
+        for (std::size_t j = 0; j < take; ++j) Put32(page + kPageHeaderSize + 4 * j, entries[next + j]);
         next += take;
-        const std::int16_t error = WritePageToFile(listPages[i], page.data());
-        if (error != kEngineNoError) return error;
+        image.fData = page;
+        images->push_back(std::move(image));
     }
     // The new state's free set, once the header names it.
-    for (std::uint32_t number : listPages) fFree.erase(number);
     fFreeListPages = listPages;
     fFreedSinceCheckpoint.clear();
     fFree.clear();
     fFree.insert(entries.begin(), entries.end());
     *head = listPages.empty() ? 0 : listPages.front();
     *count = static_cast<std::uint32_t>(entries.size());
+    return kEngineNoError;
+}
+
+// Writes page images sorted by number, each run of neighbours in one call.
+std::int16_t TPager::WriteImagesToFile(std::vector<TImage>& images) {
+    std::sort(images.begin(), images.end(),
+              [](const TImage& a, const TImage& b) { return a.fNumber < b.fNumber; });
+    constexpr std::size_t kLongestRun = 256;
+    for (std::size_t first = 0; first < images.size();) {
+        std::size_t last = first + 1;
+        while (last < images.size() && last - first < kLongestRun &&
+               images[last].fNumber == images[last - 1].fNumber + 1)
+            ++last;
+        const std::uint8_t* bytes = images[first].fData;
+        if (last - first > 1) {
+            fRunBuffer.resize((last - first) * kPageSize);
+            for (std::size_t i = first; i < last; ++i)
+                std::memcpy(fRunBuffer.data() + (i - first) * kPageSize, images[i].fData, kPageSize);
+            bytes = fRunBuffer.data();
+        }
+        if (!fFile->WriteAt(std::uint64_t{images[first].fNumber} * kPageSize, bytes, (last - first) * kPageSize))
+            return kWriteFailed;
+        fStats.fPagesWritten += last - first;
+        fStats.fPageBytesWritten += (last - first) * kPageSize;
+        first = last;
+    }
+    return kEngineNoError;
+}
+
+// Appends the images as page frames and a commit frame, in one write.
+std::int16_t TPager::AppendBatchToLog(const std::vector<TImage>& images, std::uint64_t sequence) {
+    if (fLogOffset == 0) {
+        const std::int16_t error = StartLog();
+        if (error != kEngineNoError) return error;
+    }
+    const std::size_t pageFrame = kFrameHeadSize + kPageSize + 4;
+    fFrameBuffer.resize(images.size() * pageFrame + kFrameHeadSize + 8 + 4);
+    std::uint8_t* at = fFrameBuffer.data();
+    std::uint32_t chain = fLogChain;
+    const auto frame = [&](std::uint8_t kind, std::uint32_t aux, const std::uint8_t* payload, std::uint32_t length) {
+        std::memset(at, 0, kFrameHeadSize);
+        Put32(at, length);
+        at[4] = kind;
+        Put32(at + 8, aux);
+        std::memcpy(at + kFrameHeadSize, payload, length);
+        chain = Crc32c(chain, at, kFrameHeadSize + length);
+        Put32(at + kFrameHeadSize + length, chain);
+        at += kFrameHeadSize + length + 4;
+    };
+    for (const TImage& image : images) frame(kFramePage, image.fNumber, image.fData, kPageSize);
+    std::uint8_t commit[8];
+    Put64(commit, sequence);
+    frame(kFrameCommit, 0, commit, sizeof commit);
+    const std::size_t total = static_cast<std::size_t>(at - fFrameBuffer.data());
+    if (!fLog->WriteAt(fLogOffset, fFrameBuffer.data(), total)) return kWriteFailed;
+    fLogChain = chain;
+    fLogOffset += total;
+    fLogSize += total;
+    fStats.fLogFrames += images.size() + 1;
+    fStats.fLogBytes += total;
     return kEngineNoError;
 }
 
@@ -608,74 +716,68 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
         Poison(e);
         return e;
     };
-    // Pages allocated since the last checkpoint go straight to their place.
-    std::vector<TPage*> oldPages;
-    for (auto& [number, page] : fPages) {
-        if (!page->fDirty) continue;
-        if (page->fFresh) {
-            if ((error = WritePageToFile(number, page->fData)) != kEngineNoError) return fail(error);
-        } else {
-            oldPages.push_back(page);
-        }
-    }
-    // The free list is rewritten into such pages too, after the trees'
-    // fresh pages have been written (they may have been free pages).
+    // Pages allocated since the last checkpoint (and the new free list,
+    // which lives in such pages) may go straight to their place: nothing in
+    // the last checkpoint's state uses them. Pages of that state, and the
+    // header, go through the log first, so that overwriting them can always
+    // be finished after a cut. A few fresh pages go through the log too:
+    // cheaper than the sync their direct write would need.
+    std::vector<TImage> fresh;
+    std::vector<TImage> batch;
+    fPages.ForEach([&](TPage* page) {
+        if (!page->fDirty) return;
+        SealPage(page->fNumber, page->fData);
+        (page->fFresh ? fresh : batch).push_back(TImage{page->fNumber, page->fData, {}});
+    });
     std::uint32_t freeHead = 0;
     std::uint32_t freeCount = 0;
-    if ((error = WriteFreeList(&freeHead, &freeCount)) != kEngineNoError) return fail(error);
-
+    if ((error = BuildFreeList(&freeHead, &freeCount, &fresh)) != kEngineNoError) return fail(error);
+    for (TImage& image : fresh) {
+        if (!image.fOwned.empty()) SealPage(image.fNumber, image.fOwned.data());
+    }
+    constexpr std::size_t kFreshThroughLog = 64;
+    const bool direct = fEvictedSinceCheckpoint || fresh.size() > kFreshThroughLog;
+    if (direct) {
+        if ((error = WriteImagesToFile(fresh)) != kEngineNoError) return fail(error);
+    } else {
+        for (TImage& image : fresh) batch.push_back(std::move(image));
+    }
     // The file holds every page the header counts, free ones never written
     // included, so that a shorter file can only be a truncated one.
     std::uint64_t size = 0;
     if (!fFile->Size(&size)) return fail(kWriteFailed);
-    if (size < std::uint64_t{fPageCount} * kPageSize && !fFile->Truncate(std::uint64_t{fPageCount} * kPageSize))
-        return fail(kWriteFailed);
-
-    // Those pages and the file's length are on the disk before any commit
-    // that names them is written: a commit that reaches the disk is redone
-    // whatever else was lost, even one whose log was never synced.
-    if (!fFile->Sync()) return fail(kWriteFailed);
+    const bool grows = size < std::uint64_t{fPageCount} * kPageSize;
+    if (grows && !fFile->Truncate(std::uint64_t{fPageCount} * kPageSize)) return fail(kWriteFailed);
+    // Pages written in place, and the file's length, are on the disk before
+    // any commit that names them is written: a commit that reaches the disk
+    // is redone whatever else was lost.
+    if (direct || grows) {
+        if (!fFile->Sync()) return fail(kWriteFailed);
+        ++fStats.fSyncs;
+    }
 
     std::vector<std::uint8_t> header(kPageSize);
     BuildHeader(header.data(), catalog, fSequence + 1, freeHead, freeCount);
     SealPage(0, header.data());
-
-    // The pages of the last checkpoint's state, and the header, reach the log
-    // first, so that overwriting them can always be finished after a cut.
-    if (fLogOffset == 0 && (error = StartLog()) != kEngineNoError) return fail(error);
-    std::sort(oldPages.begin(), oldPages.end(), [](const TPage* a, const TPage* b) { return a->fNumber < b->fNumber; });
-    for (TPage* page : oldPages) {
-        SealPage(page->fNumber, page->fData);
-        if ((error = WriteFrame(kFramePage, 0, page->fNumber, page->fData, kPageSize)) != kEngineNoError)
-            return fail(error);
-    }
-    if ((error = WriteFrame(kFramePage, 0, 0, header.data(), kPageSize)) != kEngineNoError) return fail(error);
-    std::uint8_t sequence[8];
-    Put64(sequence, fSequence + 1);
-    if ((error = WriteFrame(kFrameCommit, 0, 0, sequence, sizeof sequence)) != kEngineNoError) return fail(error);
+    batch.push_back(TImage{0, header.data(), {}});
+    if ((error = AppendBatchToLog(batch, fSequence + 1)) != kEngineNoError) return fail(error);
     if (!fLog->Sync()) return fail(kWriteFailed);
-    fStats.fSyncs += 2;
-
-    for (TPage* page : oldPages) {
-        if ((error = WritePageToFile(page->fNumber, page->fData)) != kEngineNoError) return fail(error);
-    }
-    if ((error = WritePageToFile(0, header.data())) != kEngineNoError) return fail(error);
+    if ((error = WriteImagesToFile(batch)) != kEngineNoError) return fail(error);
     if (!fFile->Sync()) return fail(kWriteFailed);
-    ++fStats.fSyncs;
+    fStats.fSyncs += 2;
 
     // The new state is the file's: the log starts afresh and every cached
     // page now belongs to the last checkpoint's state.
     ++fSequence;
     fStoredCatalog = catalog;
     if ((error = StartLog()) != kEngineNoError) return fail(error);
-    for (auto& [number, page] : fPages) {
-        const bool wasListed = page->fListed;
+    fPages.ForEach([](TPage* page) {
         page->fDirty = false;
         page->fFresh = false;
-        if (page->fPins == 0 && !wasListed) ListAsNewest(page);
-    }
+    });
     fFresh.clear();
     fDirtyOld = 0;
+    fEvictedSinceCheckpoint = false;
     ++fStats.fCheckpoints;
     return kEngineNoError;
 }

@@ -81,9 +81,39 @@ struct TPage {
     bool fDirty = false;
     bool fFresh = false;    // allocated since the last checkpoint
     bool fChecked = false;  // its structure was checked when it was read
-    TPage* fOlder = nullptr;  // the list of unpinned pages, least recently used first
-    TPage* fNewer = nullptr;
-    bool fListed = false;
+    bool fReferenced = false;  // used since the clock hand last passed
+    bool fInUse = false;       // holds a page (else a spare frame)
+};
+
+// The cached pages by number: open addressing with linear probing, no
+// allocation per page; every fetch starts here.
+class TPageTable {
+public:
+    TPage* Find(std::uint32_t number) const {
+        if (fCount == 0) return nullptr;
+        for (std::size_t i = Home(number);; i = (i + 1) & fMask) {
+            TPage* page = fSlots[i];
+            if (page == nullptr || page->fNumber == number) return page;
+        }
+    }
+    void Insert(TPage* page);
+    void Erase(std::uint32_t number);
+    template <typename TFunction>
+    void ForEach(TFunction&& function) const {
+        for (TPage* page : fSlots) {
+            if (page != nullptr) function(page);
+        }
+    }
+
+private:
+    std::size_t Home(std::uint32_t number) const {
+        return static_cast<std::size_t>((number * 0x9E3779B1u) >> 7) & fMask;
+    }
+    void Grow();
+
+    std::vector<TPage*> fSlots;
+    std::size_t fMask = 0;
+    std::size_t fCount = 0;
 };
 
 // Counters for benchmarks and tests.
@@ -132,6 +162,8 @@ public:
     std::int16_t AppendLog(std::uint8_t kind, std::uint8_t member, std::uint32_t aux,
                            const std::uint8_t* payload, std::uint32_t length);
     bool CheckpointDue() const;
+    // Something a checkpoint would write.
+    bool HasChanges() const;
     // Writes every change and the catalog, and starts the log afresh.
     std::int16_t Checkpoint(const std::vector<std::uint8_t>& catalog);
     // Checkpoints (unless read-only) and removes the log.
@@ -167,14 +199,20 @@ private:
                             std::uint32_t length);
     std::int16_t ReadPageFromFile(std::uint32_t number, std::uint8_t* into);
     std::int16_t WritePageToFile(std::uint32_t number, std::uint8_t* data);
-    std::int16_t WriteFreeList(std::uint32_t* head, std::uint32_t* count);
+    // A page to write: its bytes are a cached frame's or its own.
+    struct TImage {
+        std::uint32_t fNumber;
+        const std::uint8_t* fData;
+        std::vector<std::uint8_t> fOwned;
+    };
+    std::int16_t BuildFreeList(std::uint32_t* head, std::uint32_t* count, std::vector<TImage>* images);
+    std::int16_t WriteImagesToFile(std::vector<TImage>& images);
+    std::int16_t AppendBatchToLog(const std::vector<TImage>& images, std::uint64_t sequence);
     std::uint32_t TakeFreePage();
 
     TPage* NewFrame(std::int16_t* error);
     std::int16_t MakeRoom();
     void Forget(TPage* page);
-    void ListAsNewest(TPage* page);
-    void Unlist(TPage* page);
     bool Evictable(const TPage* page) const { return fReadOnly ? !page->fDirty : (!page->fDirty || page->fFresh); }
 
     std::string fPath;
@@ -196,11 +234,12 @@ private:
     std::vector<std::uint32_t> fFreeListPages;
     std::unordered_set<std::uint32_t> fFresh;
 
-    std::unordered_map<std::uint32_t, TPage*> fPages;
+    TPageTable fPages;
+    // Every frame, swept by a clock hand: a page used since the hand last
+    // passed gets another round, so that a hit costs a flag and no list work.
+    std::vector<TPage*> fFrames;
     std::vector<TPage*> fSpareFrames;
-    TPage* fOldest = nullptr;
-    TPage* fNewest = nullptr;
-    std::size_t fFrameCount = 0;
+    std::size_t fHand = 0;
     std::size_t fDirtyOld = 0;  // changed pages of the last checkpoint's state
 
     // Pages of a cut-short checkpoint, read-only opens only: they stand in
@@ -213,6 +252,8 @@ private:
     std::uint64_t fLogSize = 0;  // bytes appended since the log started
     std::vector<std::uint8_t> fFrameBuffer;
     bool fRestartLogAfterBatch = false;
+    bool fEvictedSinceCheckpoint = false;  // pages written in place, not yet synced
+    std::vector<std::uint8_t> fRunBuffer;
 
     std::int16_t fPoison = 0;
     TPagerStats fStats;
