@@ -259,6 +259,36 @@ std::int16_t TTree::NewNode(std::uint8_t type, std::uint8_t level, TPageRef* ref
     return kEngineNoError;
 }
 
+std::int16_t TTree::MakeWritable(TPageRef* page, TPageRef* parent, std::uint16_t index) {
+    if (page->Get()->fFresh) return kEngineNoError;
+    TPage* copy = nullptr;
+    const std::int16_t error = fPager->Allocate(&copy);
+    if (error != kEngineNoError) return error;
+    std::memcpy(copy->fData, page->Data(), kPageSize);
+    copy->fChecked = true;
+    const std::uint32_t old = page->Number();
+    *page = TPageRef(fPager, copy);
+    if (parent != nullptr) {
+        const TInterior interior{InteriorKeyLength()};
+        parent->MarkDirty();
+        Put32(interior.Entry(parent->Data(), index) + interior.fKey, copy->fNumber);
+    } else {
+        fInfo->fRoot = copy->fNumber;
+    }
+    fPager->FreePage(old);
+    return kEngineNoError;
+}
+
+std::int16_t TTree::MakePathWritable(TPath& path, TPageRef& leaf) {
+    for (std::size_t l = 0; l < path.size(); ++l) {
+        const std::int16_t error =
+            MakeWritable(&path[l].fPage, l > 0 ? &path[l - 1].fPage : nullptr, l > 0 ? path[l - 1].fIndex : 0);
+        if (error != kEngineNoError) return error;
+    }
+    const std::size_t depth = path.size();
+    return MakeWritable(&leaf, depth > 0 ? &path[depth - 1].fPage : nullptr, depth > 0 ? path[depth - 1].fIndex : 0);
+}
+
 std::int16_t TTree::CreateEmpty(TPager* pager, TTreeInfo* info) {
     TTree tree(pager, info);
     TPageRef root;
@@ -393,6 +423,8 @@ std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record) {
     const std::uint32_t n = CountOf(page);
     const std::uint32_t at = leaf.Bound(page, key, false);
     if (at < n && std::memcmp(leaf.Entry(page, at), key, leaf.fKey) == 0) return kKeyExists;
+    if ((error = MakePathWritable(path, leafRef)) != kEngineNoError) return error;
+    page = leafRef.Data();
     std::vector<std::uint8_t> entry(entrySize);
     std::memcpy(entry.data(), key, leaf.fKey);
     Put32(entry.data() + leaf.fKey, record);
@@ -448,6 +480,8 @@ std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, 
         if (error != kEngineNoError) return error;
         Put32(cell.data() + kCellHead + inlined, head);
     }
+    if ((error = MakePathWritable(path, leafRef)) != kEngineNoError) return error;
+    page = leafRef.Data();
     const auto size = static_cast<std::uint32_t>(cell.size());
     leafRef.MarkDirty();
     const std::uint32_t slotsEnd = kBodyStart + 2 * (n + 1);
@@ -512,6 +546,8 @@ std::int16_t TTree::MergeChildren(TPageRef& parent, std::uint16_t left, bool* me
     const std::uint32_t nb = CountOf(pb);
     if (level > 0) {
         if (na + nb > InteriorCapacity()) return kEngineNoError;
+        if ((error = MakeWritable(&a, &parent, left)) != kEngineNoError) return error;
+        pa = a.Data();
         a.MarkDirty();
         std::memcpy(interior.Entry(pa, na), interior.Entry(pb, 0), nb * interior.EntrySize());
         std::memcpy(interior.Entry(pa, na), interior.Entry(up, left + 1), interior.fKey);
@@ -519,11 +555,15 @@ std::int16_t TTree::MergeChildren(TPageRef& parent, std::uint16_t left, bool* me
     } else if (!fInfo->fIsData) {
         const TIndexLeaf leaf{fInfo->fKeyLength};
         if (na + nb > IndexLeafCapacity()) return kEngineNoError;
+        if ((error = MakeWritable(&a, &parent, left)) != kEngineNoError) return error;
+        pa = a.Data();
         a.MarkDirty();
         std::memcpy(leaf.Entry(pa, na), leaf.Entry(pb, 0), nb * leaf.EntrySize());
         SetCount(pa, na + nb);
     } else {
         if (TDataLeaf::UsedBytes(pa) + TDataLeaf::UsedBytes(pb) > kBodyBytes) return kEngineNoError;
+        if ((error = MakeWritable(&a, &parent, left)) != kEngineNoError) return error;
+        pa = a.Data();
         a.MarkDirty();
         std::vector<std::vector<std::uint8_t>> cells = TDataLeaf::Cells(pa);
         const auto more = TDataLeaf::Cells(pb);
@@ -612,6 +652,9 @@ std::int16_t TTree::IndexDelete(const std::uint8_t* key, bool* found) {
     const std::uint32_t at = leaf.Bound(page, key, false);
     if (at >= n || std::memcmp(leaf.Entry(page, at), key, leaf.fKey) != 0) return kEngineNoError;
     *found = true;
+    const std::int16_t writable = MakePathWritable(path, leafRef);
+    if (writable != kEngineNoError) return writable;
+    page = leafRef.Data();
     leafRef.MarkDirty();
     std::memmove(leaf.Entry(page, at), leaf.Entry(page, at + 1), (n - at - 1) * leaf.EntrySize());
     SetCount(page, n - 1);
@@ -670,6 +713,8 @@ std::int16_t TTree::DataDelete(std::uint32_t record, bool* found) {
         error = FreeOverflow(Get32(cell + kCellHead + inlined), total - inlined);
         if (error != kEngineNoError) return error;
     }
+    if ((error = MakePathWritable(path, leafRef)) != kEngineNoError) return error;
+    page = leafRef.Data();
     leafRef.MarkDirty();
     const std::uint32_t n = CountOf(page);
     std::memmove(page + kBodyStart + 2 * slot, page + kBodyStart + 2 * (slot + 1), 2 * (n - slot - 1));

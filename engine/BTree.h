@@ -134,6 +134,10 @@ private:
     bool CheckNode(const std::uint8_t* page, std::uint8_t level) const;
     std::int16_t Descend(const std::uint8_t* key, TPath* path, TPageRef* leaf, bool* rightmost);
     std::int16_t NewNode(std::uint8_t type, std::uint8_t level, TPageRef* ref);
+    // A page of the last checkpoint's state is never changed: before a change
+    // it moves to a new page, and its parent's entry (or the root) follows.
+    std::int16_t MakeWritable(TPageRef* page, TPageRef* parent, std::uint16_t index);
+    std::int16_t MakePathWritable(TPath& path, TPageRef& leaf);
 
     // Carries a split up the path; delta is +1 for an insert.
     std::int16_t FinishInsert(TPath& path, TPageRef& leaf, bool split, const std::uint8_t* separator,

@@ -176,7 +176,6 @@ std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* reco
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return engine::gErrorState.fError;
     if (key == nullptr || recordBuffer == nullptr) return Fail(kBadArgument, indexFile);
-    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::uint32_t record = 0;
     bool found = false;
@@ -366,7 +365,6 @@ std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* ke
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (key == nullptr) return Fail(kBadArgument, indexFile), 0;
-    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::vector<std::uint8_t>& found = gEngine.fFoundKey;
     found.resize(stored.size());
@@ -385,7 +383,6 @@ std::uint32_t NthKey(std::int16_t indexFile, std::uint32_t n, void* keyBuffer) {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
-    index->fHost->NoteRead();
     std::vector<std::uint8_t> treeKey;
     std::uint32_t record = 0;
     bool found = false;
@@ -404,7 +401,6 @@ std::uint32_t NextKey(std::int16_t indexFile, void* keyBuffer) {
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (index->fLastKey.empty()) return Fail(kNoCurrentRecord, indexFile), 0;
-    index->fHost->NoteRead();
     std::vector<std::uint8_t> next;
     std::uint32_t record = 0;
     bool found = false;
@@ -423,7 +419,6 @@ std::int16_t ReadFixedAt(std::int16_t dataFile, std::uint32_t position, void* bu
     if (data == nullptr) return engine::gErrorState.fError;
     if (buffer == nullptr) return Fail(kBadArgument, dataFile);
     if (position == 0) return Fail(kBadRecordPosition, dataFile);
-    data->fHost->NoteRead();
     return Result(ReadFixedPart(*data, position, buffer), dataFile);
 }
 
@@ -490,7 +485,6 @@ std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const vo
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (lowKey == nullptr || highKey == nullptr) return Fail(kBadArgument, indexFile), 0;
-    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& low = StoredKey(*index, lowKey, &gEngine.fKey);
     const std::vector<std::uint8_t>& high = StoredKey(*index, highKey, &gEngine.fHighKey);
     std::uint32_t below = 0;
@@ -509,7 +503,6 @@ std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key) {
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     if (key == nullptr) return Fail(kBadArgument, indexFile), 0;
-    index->fHost->NoteRead();
     const std::vector<std::uint8_t>& stored = StoredKey(*index, key, &gEngine.fKey);
     std::uint32_t below = 0;
     const std::int16_t error = index->fHost->CountBelow(index->fMember, stored.data(), false, &below);

@@ -472,7 +472,6 @@ std::int16_t THostFile::Refusal() const {
 std::int16_t THostFile::Log(std::uint8_t kind, std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
                             std::uint32_t length) {
     if (fReplaying) return kEngineNoError;
-    fReadsSinceWrite = 0;
     std::int16_t error = fPager->AppendLog(kind, data, record, bytes, length);
     if (error != kEngineNoError) return error;
     // The operation is done; a checkpoint that fails now is felt by the
@@ -690,9 +689,9 @@ std::int16_t THostFile::Check(TIntegrityReport* report, const TProgress& progres
     const std::uint32_t pages = fPager->PageCount();
     report->fPages = pages;
     std::vector<std::uint8_t> used(pages, 0);
-    used[0] = 1;
+    for (std::uint32_t slot = 0; slot < kFirstDataPage && slot < pages; ++slot) used[slot] = 1;
     TPageAccount account(&used, report, progress, pages);
-    account.fDone = 1;
+    account.fDone = kFirstDataPage;
     for (std::uint32_t number : fPager->FreeListPages()) account.Page(number);
     const std::vector<std::uint32_t> free = fPager->FreePages();
     report->fFreePages = static_cast<std::uint32_t>(free.size());

@@ -106,13 +106,6 @@ public:
     void MakeTreeKey(std::uint8_t index, const std::uint8_t* key, std::uint32_t record,
                      std::vector<std::uint8_t>* treeKey) const;
 
-    // Called by every reading call of the engine. A file that has turned to
-    // reading for a while takes a checkpoint: its changes reach their place
-    // (and survive a loss of power) early, and the close has little to do.
-    void NoteRead() {
-        if (++fReadsSinceWrite == kIdleReads && fPager->HasChanges()) fPager->Checkpoint(SaveCatalog());
-    }
-
     // The whole-file check.
     std::int16_t Check(TIntegrityReport* report, const TProgress& progress);
 
@@ -142,8 +135,6 @@ private:
     std::unique_ptr<TPager> fPager;
     std::vector<TMember> fMembers;
     bool fReplaying = false;
-    static constexpr std::uint32_t kIdleReads = 1000;
-    std::uint32_t fReadsSinceWrite = 0;
     // Buffers reused by every call, so that lookups allocate nothing.
     std::vector<std::uint8_t> fSearchKey;
     std::vector<std::uint8_t> fFoundKey;

@@ -36,14 +36,11 @@ constexpr std::uint32_t kLogHeaderSize = 32;
 constexpr std::uint32_t kFrameHeadSize = 16;
 constexpr std::uint32_t kMaxFramePayload = 0x40000000;
 
-// A checkpoint is due when the log passes this size, when this many pages
-// have been allocated since the last one (new pages go straight to their
-// place, cheaply and in order), or when the changed pages of the last
-// checkpoint's state fill half the cache (each of those is written twice, so
-// they are left to gather and be written once for many changes).
+// A checkpoint is due when the log passes this size or this many pages have
+// been allocated (or copied) since the last one: it keeps every checkpoint,
+// the close's included, to a few megabytes of writes.
 constexpr std::uint64_t kCheckpointLogBytes = 64ull << 20;
-constexpr std::size_t kCheckpointFreshPages = 1024;
-constexpr std::size_t kCheckpointOldPages = 2048;
+constexpr std::size_t kCheckpointPages = 1024;
 
 std::size_t gCacheCapacity = 16384;  // 64 MiB of pages
 std::uint32_t gSaltCounter = 0;
@@ -124,9 +121,16 @@ std::int16_t TPager::Create(const std::string& path, std::unique_ptr<TPager>* pa
     made->fFile = CurrentFileSystem()->Open(path, OpenMode::kCreateNew, &error);
     if (!made->fFile) return kFileNotCreated;
     made->fSequence = 1;
-    std::vector<std::uint8_t> header(kPageSize, 0);
-    made->BuildHeader(header.data(), {}, made->fSequence, 0, 0);
-    if (made->WritePageToFile(0, header.data()) != kEngineNoError || !made->fFile->Sync()) {
+    made->fPageCount = kFirstDataPage;
+    // Both slots hold the empty state.
+    std::vector<std::uint8_t> slot(kPageSize, 0);
+    bool written = true;
+    for (std::uint32_t number = 0; number < kFirstDataPage && written; ++number) {
+        made->BuildHeader(slot.data(), {}, made->fSequence, 0, 0);
+        written = made->WritePageToFile(number, slot.data()) == kEngineNoError;
+    }
+    made->fCurrentHeader = slot;
+    if (!written || !made->fFile->Sync()) {
         made->fFile.reset();
         CurrentFileSystem()->Remove(path);
         return kFileNotCreated;
@@ -142,24 +146,8 @@ std::int16_t TPager::Open(const std::string& path, bool readOnly, std::unique_pt
     made->fFile = CurrentFileSystem()->Open(path, readOnly ? OpenMode::kReadOnly : OpenMode::kReadWrite, &error);
     if (!made->fFile) return kFileNotOpened;
     replay->clear();
-    std::int16_t result = made->ReadLog(replay);
-    if (result != kEngineNoError) return result;
-    std::vector<std::uint8_t> header(kPageSize);
-    result = made->ReadPageFromFile(0, header.data());
-    if (result != kEngineNoError) return kFileNotOpened;
-    result = made->ReadHeader(header.data());
-    if (result != kEngineNoError) return kFileNotOpened;
-    if (made->fRestartLogAfterBatch && !replay->empty()) {
-        // The batch brought the file to a new checkpoint; the operations after
-        // it must stay in the log until the next one.
-        if (made->StartLog() != kEngineNoError) return kFileNotOpened;
-        for (const TLogRecord& record : *replay) {
-            if (made->WriteFrame(record.fKind, record.fMember, record.fAux, record.fPayload.data(),
-                                 static_cast<std::uint32_t>(record.fPayload.size())) != kEngineNoError)
-                return kFileNotOpened;
-        }
-        if (!made->fLog->Sync()) return kFileNotOpened;
-    }
+    if (made->ReadHeaders() != kEngineNoError) return kFileNotOpened;
+    if (made->ReadLog(replay) != kEngineNoError) return kFileNotOpened;
     *pager = std::move(made);
     return kEngineNoError;
 }
@@ -178,24 +166,51 @@ void TPager::BuildHeader(std::uint8_t* page, const std::vector<std::uint8_t>& ca
     if (!catalog.empty()) std::memcpy(page + kHeaderCatalogAt, catalog.data(), catalog.size());
 }
 
-std::int16_t TPager::ReadHeader(const std::uint8_t* page) {
-    if (std::memcmp(page, kHostMagic, sizeof kHostMagic) != 0) return kFileNotOpened;
-    if (Get32(page + kHeaderVersionAt) != kFormatVersion || Get32(page + kHeaderPageSizeAt) != kPageSize)
-        return kFileNotOpened;
+// Checks a header slot and, when it holds, gives its sequence number.
+bool TPager::ParseHeader(const std::uint8_t* page, std::uint64_t* sequence) {
+    if (std::memcmp(page, kHostMagic, sizeof kHostMagic) != 0) return false;
+    if (Get32(page + kHeaderVersionAt) != kFormatVersion || Get32(page + kHeaderPageSizeAt) != kPageSize) return false;
     const std::uint32_t pageCount = Get32(page + kHeaderPageCountAt);
     const std::uint32_t freeHead = Get32(page + kHeaderFreeHeadAt);
     const std::uint32_t freeCount = Get32(page + kHeaderFreeCountAt);
     const std::uint32_t catalogLength = Get32(page + kHeaderCatalogLengthAt);
-    if (pageCount == 0 || freeCount >= pageCount || freeHead >= pageCount || catalogLength > kCatalogCapacity ||
-        (freeCount == 0) != (freeHead == 0))
-        return kFileNotOpened;
+    if (pageCount < kFirstDataPage || freeCount >= pageCount || freeHead >= pageCount ||
+        catalogLength > kCatalogCapacity || (freeCount == 0) != (freeHead == 0) ||
+        (freeHead != 0 && freeHead < kFirstDataPage))
+        return false;
+    *sequence = Get64(page + kHeaderSequenceAt);
+    return true;
+}
+
+// The state is the slot with the higher sequence number of those that hold:
+// the two are twins but while a checkpoint writes them.
+std::int16_t TPager::ReadHeaders() {
+    std::vector<std::uint8_t> slots[kFirstDataPage];
+    std::int32_t chosen = -1;
+    std::uint64_t best = 0;
+    for (std::uint32_t number = 0; number < kFirstDataPage; ++number) {
+        slots[number].resize(kPageSize);
+        std::uint64_t sequence = 0;
+        if (ReadPageFromFile(number, slots[number].data()) != kEngineNoError ||
+            !ParseHeader(slots[number].data(), &sequence))
+            continue;
+        if (chosen < 0 || sequence > best) {
+            chosen = static_cast<std::int32_t>(number);
+            best = sequence;
+        }
+    }
+    if (chosen < 0) return kFileNotOpened;
+    const std::uint8_t* page = slots[chosen].data();
+    const std::uint32_t pageCount = Get32(page + kHeaderPageCountAt);
     std::uint64_t fileSize = 0;
-    if (fOverlay.empty() && (!fFile->Size(&fileSize) || fileSize < std::uint64_t{pageCount} * kPageSize))
+    if (!fFile->Size(&fileSize) || fileSize < std::uint64_t{pageCount} * kPageSize)
         return kFileNotOpened;  // truncated
-    fSequence = Get64(page + kHeaderSequenceAt);
+    fSequence = best;
     fPageCount = pageCount;
+    fCurrentHeader = slots[chosen];
+    const std::uint32_t catalogLength = Get32(page + kHeaderCatalogLengthAt);
     fStoredCatalog.assign(page + kHeaderCatalogAt, page + kHeaderCatalogAt + catalogLength);
-    return LoadFreeList(freeHead, freeCount);
+    return LoadFreeList(Get32(page + kHeaderFreeHeadAt), Get32(page + kHeaderFreeCountAt));
 }
 
 std::int16_t TPager::LoadFreeList(std::uint32_t head, std::uint32_t count) {
@@ -205,7 +220,7 @@ std::int16_t TPager::LoadFreeList(std::uint32_t head, std::uint32_t count) {
     std::unordered_set<std::uint32_t> seen;
     std::uint32_t remaining = count;
     for (std::uint32_t number = head; number != 0;) {
-        if (number >= fPageCount || !seen.insert(number).second) return kFileNotOpened;
+        if (number < kFirstDataPage || number >= fPageCount || !seen.insert(number).second) return kFileNotOpened;
         if (ReadPageFromFile(number, page.data()) != kEngineNoError) return kFileNotOpened;
         const std::uint32_t entries = Get16(page.data() + kPageCountAt);
         if (page[kPageTypeAt] != kPageTypeFreeList || entries > kFreeEntriesPerPage || entries > remaining)
@@ -213,7 +228,7 @@ std::int16_t TPager::LoadFreeList(std::uint32_t head, std::uint32_t count) {
         fFreeListPages.push_back(number);
         for (std::uint32_t i = 0; i < entries; ++i) {
             const std::uint32_t free = Get32(page.data() + kPageHeaderSize + 4 * i);
-            if (free == 0 || free >= fPageCount || !fFree.insert(free).second) return kFileNotOpened;
+            if (free < kFirstDataPage || free >= fPageCount || !fFree.insert(free).second) return kFileNotOpened;
         }
         remaining -= entries;
         number = Get32(page.data() + kPageAuxAt);
@@ -228,6 +243,8 @@ std::int16_t TPager::LoadFreeList(std::uint32_t head, std::uint32_t count) {
 // ---------------------------------------------------------------------------
 // The log
 
+// Reads the operations of a log that continues the file's state; a log from
+// another state (its checkpoint finished, or a stranger) is ignored.
 std::int16_t TPager::ReadLog(std::vector<TLogRecord>* replay) {
     TFileSystem* fs = CurrentFileSystem();
     if (!fs->Exists(fLogPath)) return kEngineNoError;
@@ -236,101 +253,47 @@ std::int16_t TPager::ReadLog(std::vector<TLogRecord>* replay) {
     if (!log) return kFileNotOpened;
     std::uint64_t size = 0;
     if (!log->Size(&size)) return kFileNotOpened;
-
-    // The main file's own sequence number, if its header can be read.
-    std::vector<std::uint8_t> header(kPageSize);
-    std::uint64_t mainSequence = 0;
-    bool mainReadable = ReadPageFromFile(0, header.data()) == kEngineNoError &&
-                        std::memcmp(header.data(), kHostMagic, sizeof kHostMagic) == 0;
-    if (mainReadable) mainSequence = Get64(header.data() + kHeaderSequenceAt);
-
     std::uint8_t logHeader[kLogHeaderSize];
     std::size_t got = 0;
-    bool usable = size >= kLogHeaderSize && log->ReadAt(0, logHeader, kLogHeaderSize, &got) &&
-                  got == kLogHeaderSize && std::memcmp(logHeader, kLogMagic, sizeof kLogMagic) == 0 &&
-                  Get32(logHeader + 28) == Crc32c(0, logHeader, 28);
-    const std::uint64_t base = usable ? Get64(logHeader + 8) : 0;
-    std::uint32_t chain = usable ? (Get32(logHeader + 28) ^ Get32(logHeader + 16)) : 0;
-    fLogSalt = usable ? Get32(logHeader + 16) : 0;
-
-    struct TFrame {
-        std::uint8_t fKind, fMember;
-        std::uint32_t fAux;
-        std::vector<std::uint8_t> fPayload;
-    };
-    std::vector<TFrame> frames;
+    const bool continues = size >= kLogHeaderSize && log->ReadAt(0, logHeader, kLogHeaderSize, &got) &&
+                           got == kLogHeaderSize && std::memcmp(logHeader, kLogMagic, sizeof kLogMagic) == 0 &&
+                           Get32(logHeader + 28) == Crc32c(0, logHeader, 28) && Get64(logHeader + 8) == fSequence;
     std::uint64_t offset = kLogHeaderSize;
-    std::uint64_t validEnd = kLogHeaderSize;
-    std::uint32_t validChain = chain;
-    std::size_t lastCommit = SIZE_MAX;
-    std::uint64_t commitSequence = 0;
-    while (usable && offset + kFrameHeadSize + 4 <= size) {
-        std::uint8_t head[kFrameHeadSize];
-        if (!log->ReadAt(offset, head, kFrameHeadSize, &got) || got != kFrameHeadSize) break;
-        const std::uint32_t length = Get32(head);
-        if (length > kMaxFramePayload || offset + kFrameHeadSize + length + 4 > size) break;
-        TFrame frame{head[4], head[5], Get32(head + 8), {}};
-        frame.fPayload.resize(std::size_t{length} + 4);
-        if (!log->ReadAt(offset + kFrameHeadSize, frame.fPayload.data(), frame.fPayload.size(), &got) ||
-            got != frame.fPayload.size())
-            break;
-        std::uint32_t crc = Crc32c(chain, head, kFrameHeadSize);
-        crc = Crc32c(crc, frame.fPayload.data(), length);
-        if (crc != Get32(frame.fPayload.data() + length)) break;
-        frame.fPayload.resize(length);
-        chain = crc;
-        offset += kFrameHeadSize + length + 4;
-        validEnd = offset;
-        validChain = chain;
-        if (frame.fKind == kFrameCommit && length == 8) {
-            lastCommit = frames.size();
-            commitSequence = Get64(frame.fPayload.data());
-        }
-        frames.push_back(std::move(frame));
-    }
-
-    // A complete batch of page images is written again; the operations after
-    // it are redone. Without one, the operations are redone only if the log
-    // continues the file's present checkpoint.
-    std::size_t firstOperation = 0;
-    bool replayOperations = usable && mainReadable && base == mainSequence;
-    if (lastCommit != SIZE_MAX && (base == mainSequence || commitSequence == mainSequence || !mainReadable) &&
-        commitSequence == base + 1) {
-        std::size_t batchStart = lastCommit;
-        while (batchStart > 0 && frames[batchStart - 1].fKind == kFramePage) --batchStart;
-        for (std::size_t i = batchStart; i < lastCommit; ++i) {
-            const TFrame& page = frames[i];
-            if (page.fPayload.size() != kPageSize || !PageSealIsValid(page.fAux, page.fPayload.data())) continue;
-            if (fReadOnly) {
-                fOverlay[page.fAux] = page.fPayload;
-            } else if (!fFile->WriteAt(std::uint64_t{page.fAux} * kPageSize, page.fPayload.data(), kPageSize)) {
-                return kFileNotOpened;
-            }
-        }
-        if (!fReadOnly && !fFile->Sync()) return kFileNotOpened;
-        firstOperation = lastCommit + 1;
-        replayOperations = true;
-    }
-    if (replayOperations) {
-        for (std::size_t i = firstOperation; i < frames.size(); ++i) {
-            TFrame& frame = frames[i];
-            if (frame.fKind != kFrameAdd && frame.fKind != kFrameRewrite && frame.fKind != kFrameDelete) continue;
-            replay->push_back(TLogRecord{frame.fKind, frame.fMember, frame.fAux, std::move(frame.fPayload)});
+    std::uint32_t chain = 0;
+    if (continues) {
+        fLogSalt = Get32(logHeader + 16);
+        chain = Get32(logHeader + 28) ^ fLogSalt;
+        while (offset + kFrameHeadSize + 4 <= size) {
+            std::uint8_t head[kFrameHeadSize];
+            if (!log->ReadAt(offset, head, kFrameHeadSize, &got) || got != kFrameHeadSize) break;
+            const std::uint32_t length = Get32(head);
+            if (length > kMaxFramePayload || offset + kFrameHeadSize + length + 4 > size) break;
+            TLogRecord record{head[4], head[5], Get32(head + 8), {}};
+            record.fPayload.resize(std::size_t{length} + 4);
+            if (!log->ReadAt(offset + kFrameHeadSize, record.fPayload.data(), record.fPayload.size(), &got) ||
+                got != record.fPayload.size())
+                break;
+            std::uint32_t crc = Crc32c(chain, head, kFrameHeadSize);
+            crc = Crc32c(crc, record.fPayload.data(), length);
+            if (crc != Get32(record.fPayload.data() + length)) break;
+            if (record.fKind != kFrameAdd && record.fKind != kFrameRewrite && record.fKind != kFrameDelete) break;
+            record.fPayload.resize(length);
+            chain = crc;
+            offset += kFrameHeadSize + length + 4;
+            replay->push_back(std::move(record));
         }
     }
     if (fReadOnly) return kEngineNoError;
-    // Writing goes on after the valid frames when they are redone; otherwise
-    // the log is stale and starts afresh at the next write. After a batch the
-    // operations that followed it are written into a fresh log (see Open).
+    // Writing goes on after the valid frames; a log that does not continue
+    // the state starts afresh at the next write.
     fLog = std::move(log);
-    fRestartLogAfterBatch = lastCommit != SIZE_MAX;
-    if (replayOperations && lastCommit == SIZE_MAX) {
-        if (!fLog->Truncate(validEnd)) return kFileNotOpened;
-        fLogOffset = validEnd;
-        fLogChain = validChain;
-        fLogSize = validEnd - kLogHeaderSize;
+    if (continues) {
+        if (!fLog->Truncate(offset)) return kFileNotOpened;
+        fLogOffset = offset;
+        fLogChain = chain;
+        fLogSize = offset - kLogHeaderSize;
     } else {
-        fLogOffset = 0;  // StartLog before the next frame
+        fLogOffset = 0;
     }
     return kEngineNoError;
 }
@@ -431,7 +394,6 @@ std::int16_t TPager::MakeRoom() {
         if (page->fDirty) {
             const std::int16_t error = WritePageToFile(page->fNumber, page->fData);
             if (error != kEngineNoError) return error;
-            fEvictedSinceCheckpoint = true;
         }
         Forget(page);
     }
@@ -453,11 +415,6 @@ TPage* TPager::NewFrame(std::int16_t* error) {
 }
 
 std::int16_t TPager::ReadPageFromFile(std::uint32_t number, std::uint8_t* into) {
-    const auto overlay = fOverlay.find(number);
-    if (overlay != fOverlay.end()) {
-        std::memcpy(into, overlay->second.data(), kPageSize);
-        return kEngineNoError;
-    }
     std::size_t got = 0;
     if (!fFile->ReadAt(std::uint64_t{number} * kPageSize, into, kPageSize, &got) || got != kPageSize)
         return kPageDamaged;
@@ -553,16 +510,18 @@ void TPager::Unpin(TPage* page) {
 }
 
 void TPager::MarkDirty(TPage* page) {
-    if (page->fDirty) return;
+    // Only a page allocated since the last checkpoint may change; the trees
+    // copy any other first. A change to the last state's own page would be
+    // a fault of the engine, and would make the state unsafe: refused.
+    if (!page->fFresh) {
+        Poison(kPageDamaged);
+        return;
+    }
     page->fDirty = true;
-    if (!page->fFresh) ++fDirtyOld;
 }
 
 void TPager::FreePage(std::uint32_t number) {
-    if (TPage* page = fPages.Find(number)) {
-        if (page->fDirty && !page->fFresh) --fDirtyOld;
-        Forget(page);
-    }
+    if (TPage* page = fPages.Find(number)) Forget(page);
     if (fFresh.erase(number) != 0) {
         fFree.insert(number);
     } else {
@@ -584,13 +543,12 @@ std::vector<std::uint32_t> TPager::FreePages() const {
 // Checkpoints
 
 bool TPager::CheckpointDue() const {
-    return !fReadOnly && fPoison == 0 &&
-           (fLogSize > kCheckpointLogBytes || fFresh.size() > kCheckpointFreshPages || fDirtyOld > kCheckpointOldPages);
+    return !fReadOnly && fPoison == 0 && (fLogSize > kCheckpointLogBytes || fFresh.size() > kCheckpointPages);
 }
 
 bool TPager::HasChanges() const {
     return !fReadOnly && fPoison == 0 &&
-           (fLogSize != 0 || !fFresh.empty() || !fFreedSinceCheckpoint.empty() || fDirtyOld != 0);
+           (fLogSize != 0 || !fFresh.empty() || !fFreedSinceCheckpoint.empty());
 }
 
 // The free set of the next checkpoint's state, laid out in new free-list
@@ -669,105 +627,59 @@ std::int16_t TPager::WriteImagesToFile(std::vector<TImage>& images) {
     return kEngineNoError;
 }
 
-// Appends the images as page frames and a commit frame, in one write.
-std::int16_t TPager::AppendBatchToLog(const std::vector<TImage>& images, std::uint64_t sequence) {
-    if (fLogOffset == 0) {
-        const std::int16_t error = StartLog();
-        if (error != kEngineNoError) return error;
-    }
-    const std::size_t pageFrame = kFrameHeadSize + kPageSize + 4;
-    fFrameBuffer.resize(images.size() * pageFrame + kFrameHeadSize + 8 + 4);
-    std::uint8_t* at = fFrameBuffer.data();
-    std::uint32_t chain = fLogChain;
-    const auto frame = [&](std::uint8_t kind, std::uint32_t aux, const std::uint8_t* payload, std::uint32_t length) {
-        std::memset(at, 0, kFrameHeadSize);
-        Put32(at, length);
-        at[4] = kind;
-        Put32(at + 8, aux);
-        std::memcpy(at + kFrameHeadSize, payload, length);
-        chain = Crc32c(chain, at, kFrameHeadSize + length);
-        Put32(at + kFrameHeadSize + length, chain);
-        at += kFrameHeadSize + length + 4;
-    };
-    for (const TImage& image : images) frame(kFramePage, image.fNumber, image.fData, kPageSize);
-    std::uint8_t commit[8];
-    Put64(commit, sequence);
-    frame(kFrameCommit, 0, commit, sizeof commit);
-    const std::size_t total = static_cast<std::size_t>(at - fFrameBuffer.data());
-    if (!fLog->WriteAt(fLogOffset, fFrameBuffer.data(), total)) return kWriteFailed;
-    fLogChain = chain;
-    fLogOffset += total;
-    fLogSize += total;
-    fStats.fLogFrames += images.size() + 1;
-    fStats.fLogBytes += total;
-    return kEngineNoError;
-}
-
 std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
     if (fReadOnly) return kEngineNoError;
     if (fPoison != 0) return fPoison;
     if (catalog.size() > kCatalogCapacity) return kBadArgument;
-    const bool changed = fLogSize != 0 || !fFresh.empty() || !fFreedSinceCheckpoint.empty() || fDirtyOld != 0 ||
-                         catalog != fStoredCatalog;
-    if (!changed) return kEngineNoError;
+    if (!HasChanges() && catalog == fStoredCatalog) return kEngineNoError;
 
     std::int16_t error = kEngineNoError;
     const auto fail = [this](std::int16_t e) {
         Poison(e);
         return e;
     };
-    // Pages allocated since the last checkpoint (and the new free list,
-    // which lives in such pages) may go straight to their place: nothing in
-    // the last checkpoint's state uses them. Pages of that state, and the
-    // header, go through the log first, so that overwriting them can always
-    // be finished after a cut. A few fresh pages go through the log too:
-    // cheaper than the sync their direct write would need.
-    std::vector<TImage> fresh;
-    std::vector<TImage> batch;
+    // The second slot is made the twin of the first again (a loss of power
+    // may have torn it since the last checkpoint), so that whatever happens
+    // to the first slot below, one of them names a sound state.
+    std::vector<std::uint8_t> twin = fCurrentHeader;
+    if ((error = WritePageToFile(1, twin.data())) != kEngineNoError) return fail(error);
+    // Every changed page, and the new free list, lies in pages the last
+    // state does not use: they are written to their place, then synced.
+    std::vector<TImage> pages;
     fPages.ForEach([&](TPage* page) {
         if (!page->fDirty) return;
         SealPage(page->fNumber, page->fData);
-        (page->fFresh ? fresh : batch).push_back(TImage{page->fNumber, page->fData, {}});
+        pages.push_back(TImage{page->fNumber, page->fData, {}});
     });
     std::uint32_t freeHead = 0;
     std::uint32_t freeCount = 0;
-    if ((error = BuildFreeList(&freeHead, &freeCount, &fresh)) != kEngineNoError) return fail(error);
-    for (TImage& image : fresh) {
+    if ((error = BuildFreeList(&freeHead, &freeCount, &pages)) != kEngineNoError) return fail(error);
+    for (TImage& image : pages) {
         if (!image.fOwned.empty()) SealPage(image.fNumber, image.fOwned.data());
     }
-    constexpr std::size_t kFreshThroughLog = 64;
-    const bool direct = fEvictedSinceCheckpoint || fresh.size() > kFreshThroughLog;
-    if (direct) {
-        if ((error = WriteImagesToFile(fresh)) != kEngineNoError) return fail(error);
-    } else {
-        for (TImage& image : fresh) batch.push_back(std::move(image));
-    }
+    if ((error = WriteImagesToFile(pages)) != kEngineNoError) return fail(error);
     // The file holds every page the header counts, free ones never written
     // included, so that a shorter file can only be a truncated one.
     std::uint64_t size = 0;
     if (!fFile->Size(&size)) return fail(kWriteFailed);
-    const bool grows = size < std::uint64_t{fPageCount} * kPageSize;
-    if (grows && !fFile->Truncate(std::uint64_t{fPageCount} * kPageSize)) return fail(kWriteFailed);
-    // Pages written in place, and the file's length, are on the disk before
-    // any commit that names them is written: a commit that reaches the disk
-    // is redone whatever else was lost.
-    if (direct || grows) {
-        if (!fFile->Sync()) return fail(kWriteFailed);
-        ++fStats.fSyncs;
-    }
+    if (size < std::uint64_t{fPageCount} * kPageSize && !fFile->Truncate(std::uint64_t{fPageCount} * kPageSize))
+        return fail(kWriteFailed);
+    if (!fFile->Sync()) return fail(kWriteFailed);
 
+    // Then the first header slot names the new state and is synced, and the
+    // second is made its twin (made durable by the next sync, at the latest
+    // the next checkpoint's first). A slot torn on the way leaves the other,
+    // which holds the old state or the new; one damaged later leaves its twin.
     std::vector<std::uint8_t> header(kPageSize);
     BuildHeader(header.data(), catalog, fSequence + 1, freeHead, freeCount);
-    SealPage(0, header.data());
-    batch.push_back(TImage{0, header.data(), {}});
-    if ((error = AppendBatchToLog(batch, fSequence + 1)) != kEngineNoError) return fail(error);
-    if (!fLog->Sync()) return fail(kWriteFailed);
-    if ((error = WriteImagesToFile(batch)) != kEngineNoError) return fail(error);
+    if ((error = WritePageToFile(0, header.data())) != kEngineNoError) return fail(error);
     if (!fFile->Sync()) return fail(kWriteFailed);
     fStats.fSyncs += 2;
+    if ((error = WritePageToFile(1, header.data())) != kEngineNoError) return fail(error);
+    fCurrentHeader = header;
 
     // The new state is the file's: the log starts afresh and every cached
-    // page now belongs to the last checkpoint's state.
+    // page now belongs to it.
     ++fSequence;
     fStoredCatalog = catalog;
     if ((error = StartLog()) != kEngineNoError) return fail(error);
@@ -776,8 +688,6 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
         page->fFresh = false;
     });
     fFresh.clear();
-    fDirtyOld = 0;
-    fEvictedSinceCheckpoint = false;
     ++fStats.fCheckpoints;
     return kEngineNoError;
 }
@@ -786,6 +696,9 @@ std::int16_t TPager::Close(const std::vector<std::uint8_t>& catalog) {
     std::int16_t error = kEngineNoError;
     if (!fReadOnly && fPoison == 0) {
         error = Checkpoint(catalog);
+        // The twin of the header slot reaches the disk too, so that a closed
+        // file survives damage to either slot.
+        if (error == kEngineNoError && !fFile->Sync()) error = kWriteFailed;
         if (error == kEngineNoError && fLog) {
             fLog.reset();
             CurrentFileSystem()->Remove(fLogPath);

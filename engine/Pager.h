@@ -2,31 +2,30 @@
 // checkpoints.
 //
 // The host file is a sequence of 4096-byte pages, each ending in a checksum of
-// its number and contents. Page 0 is the header: magic, format version,
-// checkpoint sequence number, page count, free list and the catalog that the
-// host file keeps there.
+// its number and contents. Pages 0 and 1 are the two header slots, twins:
+// magic, format version, checkpoint sequence number, page count, free list
+// and the catalog that the host file keeps there. The slot with the higher
+// sequence number whose checksum holds is the file's state.
 //
-// Changes reach the file in two ways:
+// A checkpoint's state is never overwritten. A page of it that is to change
+// is first copied to a page free in that state (the trees do this, since a
+// copy moves and its parent must point at it), so that every changed page is
+// one allocated since the last checkpoint. Changes then reach the file in two
+// ways:
 //  - Each operation is appended to the log ("<host>!log", beside the host
 //    file while it is open) as one self-checking frame, before the operation
 //    returns. A frame written is an operation that survives the end of the
-//    process; the pages it changed stay in the cache.
-//  - A checkpoint writes the changed pages. Pages that belong to the last
-//    checkpoint's state are first written to the log as page images and the
-//    log is synced; only then are they overwritten in place. Pages allocated
-//    since the last checkpoint are written in place at once (they are free in
-//    the last checkpoint's state, so nothing depends on them yet). After the
-//    file is synced the log starts afresh.
-// Opening replays the log: a complete batch of page images is written again
-// (a checkpoint that was cut short), and the operations after it are handed
-// to the host file to redo. A loss of power may cost the operations since the
-// last checkpoint, never the file's consistency: every frame carries a
-// checksum chained to the one before it, so replay stops at the first frame
+//    process; the pages it changed stay in the cache (or are written to their
+//    own place, which nothing in the last state uses, when the cache is full).
+//  - A checkpoint writes the changed pages and syncs the file, then writes the
+//    first header slot and syncs again, then its twin; then the log starts
+//    afresh. Pages the old state used and the new one does not are free from
+//    then on.
+// Opening replays the log if it continues the file's state. A loss of power
+// may cost the operations since the last checkpoint, never the file's
+// consistency: a torn header slot leaves the other, and every frame carries
+// a checksum chained to the one before it, so replay stops at the first frame
 // that did not fully reach the disk.
-//
-// Memory is bounded by the page cache: pages allocated since the last
-// checkpoint are evicted by writing them, and a checkpoint is taken when the
-// changed pages of the last checkpoint's state fill half the cache.
 #ifndef KAVO_ENGINE_PAGER_H
 #define KAVO_ENGINE_PAGER_H
 
@@ -45,7 +44,7 @@ namespace engine {
 constexpr std::uint32_t kPageSize = 4096;
 constexpr std::uint32_t kPageBodySize = kPageSize - 4;  // the checksum ends the page
 
-// The header every page but page 0 begins with.
+// The header every page but the header slots begins with.
 constexpr std::uint32_t kPageTypeAt = 0;    // u8
 constexpr std::uint32_t kPageLevelAt = 1;   // u8: 0 for leaves
 constexpr std::uint32_t kPageCountAt = 2;   // u16: entries
@@ -62,6 +61,9 @@ enum PageType : std::uint8_t {
     kPageTypeOverflow = 5,
     kPageTypeFreeList = 6,
 };
+
+// Pages 0 and 1 are the header slots; the others begin at 2.
+constexpr std::uint32_t kFirstDataPage = 2;
 
 // Bytes of catalog the header page holds.
 constexpr std::uint32_t kCatalogCapacity = kPageBodySize - 64;
@@ -149,10 +151,12 @@ public:
 
     // Pins the page, reading it (and checking its checksum) if need be.
     std::int16_t Fetch(std::uint32_t number, TPage** page);
-    // A new zero-filled page, pinned and changed.
+    // A new zero-filled page, pinned and changed. It is free in the last
+    // checkpoint's state, so it may be changed at will until the next one.
     std::int16_t Allocate(TPage** page);
     void Unpin(TPage* page);
-    // Must be called before a pinned page is changed.
+    // Must be called before a pinned page is changed; only pages allocated
+    // since the last checkpoint may change (others are copied first).
     void MarkDirty(TPage* page);
     // The page is no longer used; any pin on it must be its last.
     void FreePage(std::uint32_t number);
@@ -188,7 +192,8 @@ public:
 private:
     TPager(const std::string& path, bool readOnly);
 
-    std::int16_t ReadHeader(const std::uint8_t* page);
+    std::int16_t ReadHeaders();
+    bool ParseHeader(const std::uint8_t* page, std::uint64_t* sequence);
     void BuildHeader(std::uint8_t* page, const std::vector<std::uint8_t>& catalog, std::uint64_t sequence,
                      std::uint32_t freeHead, std::uint32_t freeCount);
     std::int16_t LoadFreeList(std::uint32_t head, std::uint32_t count);
@@ -207,7 +212,6 @@ private:
     };
     std::int16_t BuildFreeList(std::uint32_t* head, std::uint32_t* count, std::vector<TImage>* images);
     std::int16_t WriteImagesToFile(std::vector<TImage>& images);
-    std::int16_t AppendBatchToLog(const std::vector<TImage>& images, std::uint64_t sequence);
     std::uint32_t TakeFreePage();
 
     TPage* NewFrame(std::int16_t* error);
@@ -224,6 +228,7 @@ private:
     std::uint64_t fSequence = 0;    // of the last checkpoint
     std::uint32_t fPageCount = 1;   // pages in use or free, header included
     std::vector<std::uint8_t> fStoredCatalog;
+    std::vector<std::uint8_t> fCurrentHeader;  // the header slot of the last state
     bool fCatalogChanged = false;
 
     // Free space: pages free in the last checkpoint's state and not used
@@ -240,19 +245,12 @@ private:
     std::vector<TPage*> fFrames;
     std::vector<TPage*> fSpareFrames;
     std::size_t fHand = 0;
-    std::size_t fDirtyOld = 0;  // changed pages of the last checkpoint's state
-
-    // Pages of a cut-short checkpoint, read-only opens only: they stand in
-    // for the file's pages, which may not be written.
-    std::unordered_map<std::uint32_t, std::vector<std::uint8_t>> fOverlay;
 
     std::uint64_t fLogOffset = 0;
     std::uint32_t fLogChain = 0;
     std::uint32_t fLogSalt = 0;
     std::uint64_t fLogSize = 0;  // bytes appended since the log started
     std::vector<std::uint8_t> fFrameBuffer;
-    bool fRestartLogAfterBatch = false;
-    bool fEvictedSinceCheckpoint = false;  // pages written in place, not yet synced
     std::vector<std::uint8_t> fRunBuffer;
 
     std::int16_t fPoison = 0;
@@ -297,8 +295,6 @@ private:
 constexpr std::uint8_t kFrameAdd = 1;
 constexpr std::uint8_t kFrameRewrite = 2;
 constexpr std::uint8_t kFrameDelete = 3;
-constexpr std::uint8_t kFramePage = 10;
-constexpr std::uint8_t kFrameCommit = 11;
 
 // Seals a page: its checksum over its number and contents.
 void SealPage(std::uint32_t number, std::uint8_t* data);

@@ -10,11 +10,15 @@ std::size_t TBlockRegistry::Home(std::uintptr_t key) const {
     return static_cast<std::size_t>(mixed >> 32) & (fCapacity - 1);
 }
 
-BlockKind TBlockRegistry::Find(const void* block) const {
+BlockKind TBlockRegistry::FindAndRemember(const void* block) const {
     const auto key = reinterpret_cast<std::uintptr_t>(block);
     if (key == 0 || fCount == 0) return BlockKind::kNone;
     for (std::size_t i = Home(key);; i = (i + 1) & (fCapacity - 1)) {
-        if (fSlots[i].fKey == key) return fSlots[i].fKind;
+        if (fSlots[i].fKey == key) {
+            fRecent[1] = fRecent[0];
+            fRecent[0] = fSlots[i];
+            return fSlots[i].fKind;
+        }
         if (fSlots[i].fKey == 0) return BlockKind::kNone;
     }
 }
@@ -40,6 +44,7 @@ bool TBlockRegistry::Insert(const void* block, BlockKind kind) {
     const auto key = reinterpret_cast<std::uintptr_t>(block);
     if (key == 0) return false;
     if ((fCount + 1) * 2 > fCapacity && !Rehash(fCapacity == 0 ? 64 : fCapacity * 2)) return false;
+    Forget(key);
     std::size_t i = Home(key);
     while (fSlots[i].fKey != 0 && fSlots[i].fKey != key) i = (i + 1) & (fCapacity - 1);
     if (fSlots[i].fKey == 0) ++fCount;
@@ -50,6 +55,7 @@ bool TBlockRegistry::Insert(const void* block, BlockKind kind) {
 void TBlockRegistry::Erase(const void* block) {
     const auto key = reinterpret_cast<std::uintptr_t>(block);
     if (key == 0 || fCount == 0) return;
+    Forget(key);
     std::size_t hole = Home(key);
     while (fSlots[hole].fKey != key) {
         if (fSlots[hole].fKey == 0) return;

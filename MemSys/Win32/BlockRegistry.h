@@ -22,8 +22,16 @@ public:
     TBlockRegistry(const TBlockRegistry&) = delete;
     TBlockRegistry& operator=(const TBlockRegistry&) = delete;
 
-    // kNone when the block is not registered.
-    BlockKind Find(const void* block) const;
+    // kNone when the block is not registered. The last two blocks found are
+    // remembered: calls come in runs on one handle (new, lock, unlock, size).
+    BlockKind Find(const void* block) const {
+        const auto key = reinterpret_cast<std::uintptr_t>(block);
+        if (key != 0) {
+            if (key == fRecent[0].fKey) return fRecent[0].fKind;
+            if (key == fRecent[1].fKey) return fRecent[1].fKind;
+        }
+        return FindAndRemember(block);
+    }
     // False when the table could not grow; the block is then not registered.
     bool Insert(const void* block, BlockKind kind);
     void Erase(const void* block);
@@ -37,7 +45,14 @@ private:
 
     std::size_t Home(std::uintptr_t key) const;
     bool Rehash(std::size_t newCapacity);
+    BlockKind FindAndRemember(const void* block) const;
+    void Forget(std::uintptr_t key) const {
+        for (Slot& recent : fRecent) {
+            if (recent.fKey == key) recent = Slot{0, BlockKind::kNone};
+        }
+    }
 
+    mutable Slot fRecent[2] = {{0, BlockKind::kNone}, {0, BlockKind::kNone}};
     Slot* fSlots = nullptr;
     std::size_t fCapacity = 0;  // a power of two, or 0
     std::size_t fCount = 0;
