@@ -79,15 +79,16 @@ struct TInterior {
     }
 };
 
-// --- Index leaves: entries of (key, record number).
+// --- Index leaves: entries of (key, record number, data page hint).
 struct TIndexLeaf {
     std::uint16_t fKey;
-    std::uint32_t EntrySize() const { return fKey + 4u; }
+    std::uint32_t EntrySize() const { return fKey + 8u; }
     std::uint8_t* Entry(std::uint8_t* page, std::uint32_t i) const { return page + kBodyStart + i * EntrySize(); }
     const std::uint8_t* Entry(const std::uint8_t* page, std::uint32_t i) const {
         return page + kBodyStart + i * EntrySize();
     }
     std::uint32_t Record(const std::uint8_t* page, std::uint32_t i) const { return Get32(Entry(page, i) + fKey); }
+    std::uint32_t Hint(const std::uint8_t* page, std::uint32_t i) const { return Get32(Entry(page, i) + fKey + 4); }
     // First entry >= key (or > key when after is set).
     std::uint32_t Bound(const std::uint8_t* page, const std::uint8_t* key, bool after) const {
         std::uint32_t lo = 0;
@@ -174,7 +175,7 @@ std::uint16_t TTree::InteriorCapacity() const {
 }
 
 std::uint16_t TTree::IndexLeafCapacity() const {
-    return static_cast<std::uint16_t>(kBodyBytes / (fInfo->fKeyLength + 4u));
+    return static_cast<std::uint16_t>(kBodyBytes / (fInfo->fKeyLength + 8u));
 }
 
 bool TTree::CheckNode(const std::uint8_t* page, std::uint8_t level) const {
@@ -411,7 +412,7 @@ std::int16_t TTree::FinishInsert(TPath& path, TPageRef& leaf, bool split, const 
     return kEngineNoError;
 }
 
-std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record) {
+std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record, std::uint32_t hint) {
     TPath path;
     TPageRef leafRef;
     bool rightmost = false;
@@ -428,6 +429,7 @@ std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record) {
     std::vector<std::uint8_t> entry(entrySize);
     std::memcpy(entry.data(), key, leaf.fKey);
     Put32(entry.data() + leaf.fKey, record);
+    Put32(entry.data() + leaf.fKey + 4, hint);
     leafRef.MarkDirty();
     if (n < IndexLeafCapacity()) {
         std::memmove(leaf.Entry(page, at + 1), leaf.Entry(page, at), (n - at) * entrySize);
@@ -453,7 +455,8 @@ std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record) {
     return FinishInsert(path, leafRef, true, separator.data(), right, middle, n + 1 - middle);
 }
 
-std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length) {
+std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length,
+                               std::uint32_t* where) {
     fInfo->fHintRecord = 0;
     std::uint8_t key[4];
     BigKey(record, key);
@@ -496,6 +499,7 @@ std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, 
         Put16(page + kBodyStart + 2 * at, static_cast<std::uint16_t>(offset));
         Put32(page + kPageAuxAt, offset);
         SetCount(page, n + 1);
+        if (where != nullptr) *where = leafRef.Number();
         return FinishInsert(path, leafRef, false, nullptr, 0, 0, 0);
     }
     // Split: an append at the right edge starts a new leaf; otherwise the
@@ -521,6 +525,7 @@ std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, 
     std::uint8_t separator[4];
     BigKey(Get32(cells[middle].data()), separator);
     const std::uint32_t right = sibling.Number();
+    if (where != nullptr) *where = at < middle ? leafRef.Number() : right;
     sibling.Reset();
     return FinishInsert(path, leafRef, true, separator, right, static_cast<std::uint32_t>(middle),
                         static_cast<std::uint32_t>(cells.size() - middle));
@@ -674,8 +679,33 @@ std::int16_t TTree::FindCell(std::uint32_t record, TPath* path, TPageRef* leaf, 
     return kEngineNoError;
 }
 
-std::int16_t TTree::LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot) {
+bool TTree::TryHint(std::uint32_t hint, std::uint32_t record, TPageRef* leaf, int* slot) {
+    TPage* page = fPager->FindCached(hint);
+    if (page == nullptr) return false;
+    TPageRef ref(fPager, page);
+    const std::uint8_t* data = page->fData;
+    if (data[kPageTypeAt] != kPageTypeDataLeaf || data[kPageLevelAt] != 0 ||
+        Get32(data + kPageOwnerAt) != fInfo->fMember)
+        return false;
+    if (!page->fChecked) {
+        if (!CheckNode(data, 0)) return false;
+        page->fChecked = true;
+    }
+    const std::uint32_t at = TDataLeaf::Bound(data, record);
+    if (at >= CountOf(data) || TDataLeaf::Record(data, at) != record) return false;
+    *slot = static_cast<int>(at);
+    *leaf = std::move(ref);
+    return true;
+}
+
+std::int16_t TTree::LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot, std::uint32_t hint) {
     *slot = -1;
+    if (hint >= kFirstDataPage && fInfo->fHintRecord != record && TryHint(hint, record, leaf, slot)) {
+        fInfo->fHintRecord = record;
+        fInfo->fHintPage = hint;
+        fInfo->fHintSlot = static_cast<std::uint16_t>(*slot);
+        return kEngineNoError;
+    }
     if (fInfo->fHintRecord == record && record != 0) {
         // The tree has not changed since the hint was taken, so its page is
         // still the leaf that holds the record, in the same slot.
@@ -754,7 +784,8 @@ std::int16_t TTree::IndexRank(const std::uint8_t* key, bool inclusive, std::uint
     return kEngineNoError;
 }
 
-std::int16_t TTree::IndexSelect(std::uint32_t n, std::uint8_t* key, std::uint32_t* record, bool* found) {
+std::int16_t TTree::IndexSelect(std::uint32_t n, std::uint8_t* key, std::uint32_t* record, bool* found,
+                                std::uint32_t* hint) {
     *found = false;
     if (n >= fInfo->fCount) return kEngineNoError;
     const TInterior interior{InteriorKeyLength()};
@@ -778,12 +809,13 @@ std::int16_t TTree::IndexSelect(std::uint32_t n, std::uint8_t* key, std::uint32_
     if (n >= CountOf(leafRef.Data())) return kPageDamaged;  // the counts above disagree with the leaves
     if (key != nullptr) std::memcpy(key, leaf.Entry(leafRef.Data(), n), leaf.fKey);
     *record = leaf.Record(leafRef.Data(), n);
+    if (hint != nullptr) *hint = leaf.Hint(leafRef.Data(), n);
     *found = true;
     return kEngineNoError;
 }
 
 std::int16_t TTree::IndexFind(FindMode mode, const std::uint8_t* key, std::uint8_t* foundKey,
-                              std::uint32_t* record, bool* found) {
+                              std::uint32_t* record, bool* found, std::uint32_t* hint) {
     *found = false;
     if (mode == FindMode::kEqual) {
         TPath path;
@@ -796,6 +828,7 @@ std::int16_t TTree::IndexFind(FindMode mode, const std::uint8_t* key, std::uint8
         if (at < CountOf(leafRef.Data()) && std::memcmp(leaf.Entry(leafRef.Data(), at), key, leaf.fKey) == 0) {
             if (foundKey != nullptr) std::memcpy(foundKey, leaf.Entry(leafRef.Data(), at), leaf.fKey);
             *record = leaf.Record(leafRef.Data(), at);
+            if (hint != nullptr) *hint = leaf.Hint(leafRef.Data(), at);
             *found = true;
         }
         return kEngineNoError;
@@ -808,7 +841,7 @@ std::int16_t TTree::IndexFind(FindMode mode, const std::uint8_t* key, std::uint8
         if (rank == 0) return kEngineNoError;
         --rank;
     }
-    return IndexSelect(rank, foundKey, record, found);
+    return IndexSelect(rank, foundKey, record, found, hint);
 }
 
 std::int16_t TTree::DataLength(std::uint32_t record, std::uint32_t* length, bool* found) {
@@ -846,11 +879,11 @@ std::int16_t TTree::DataRead(std::uint32_t record, std::uint32_t offset, std::ui
 }
 
 std::int16_t TTree::DataReadUpTo(std::uint32_t record, std::uint32_t limit, std::uint8_t* out,
-                                 std::uint32_t* length, bool* found) {
+                                 std::uint32_t* length, bool* found, std::uint32_t hint) {
     TPageRef leaf;
     int slot = -1;
     *found = false;
-    const std::int16_t error = LocateRecord(record, &leaf, &slot);
+    const std::int16_t error = LocateRecord(record, &leaf, &slot, hint);
     if (error != kEngineNoError || slot < 0) return error;
     *found = true;
     const std::uint8_t* cell = TDataLeaf::Cell(leaf.Data(), slot);

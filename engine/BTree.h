@@ -59,18 +59,24 @@ public:
     // Makes the tree's first (empty) leaf.
     static std::int16_t CreateEmpty(TPager* pager, TTreeInfo* info);
 
-    // --- Index trees: entries are (key of fKeyLength bytes, record number).
+    // --- Index trees: entries are (key of fKeyLength bytes, record number,
+    // hint). The hint is the data page that held the record when the entry
+    // was made: a read tries it first, and only a cached page that proves to
+    // hold the record is trusted (a cached page is always current).
     std::int16_t IndexFind(FindMode mode, const std::uint8_t* key, std::uint8_t* foundKey, std::uint32_t* record,
-                           bool* found);
-    std::int16_t IndexInsert(const std::uint8_t* key, std::uint32_t record);
+                           bool* found, std::uint32_t* hint = nullptr);
+    std::int16_t IndexInsert(const std::uint8_t* key, std::uint32_t record, std::uint32_t hint = 0);
     std::int16_t IndexDelete(const std::uint8_t* key, bool* found);
     // Keys less than key (or, with inclusive, less than or equal).
     std::int16_t IndexRank(const std::uint8_t* key, bool inclusive, std::uint32_t* rank);
     // The entry at rank n.
-    std::int16_t IndexSelect(std::uint32_t n, std::uint8_t* key, std::uint32_t* record, bool* found);
+    std::int16_t IndexSelect(std::uint32_t n, std::uint8_t* key, std::uint32_t* record, bool* found,
+                             std::uint32_t* hint = nullptr);
 
     // --- Data trees.
-    std::int16_t DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length);
+    // *page (if given) receives the data page the record went to.
+    std::int16_t DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length,
+                            std::uint32_t* page = nullptr);
     std::int16_t DataDelete(std::uint32_t record, bool* found);
     std::int16_t DataLength(std::uint32_t record, std::uint32_t* length, bool* found);
     // Reads length bytes from offset of the record (which must exist and be
@@ -79,7 +85,7 @@ public:
     // Reads the record's first bytes, at most limit, and gives its whole
     // length: one lookup for both.
     std::int16_t DataReadUpTo(std::uint32_t record, std::uint32_t limit, std::uint8_t* out, std::uint32_t* length,
-                              bool* found);
+                              bool* found, std::uint32_t hint = 0);
 
     // --- Walking the whole tree (integrity check).
     struct TVisitor {
@@ -152,7 +158,8 @@ private:
     std::int16_t ReadOverflow(std::uint32_t head, std::uint32_t skip, std::uint8_t* out, std::uint32_t length);
     std::int16_t FindCell(std::uint32_t record, TPath* path, TPageRef* leaf, int* slot);
     // FindCell for reading: uses and sets the tree's hint.
-    std::int16_t LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot);
+    std::int16_t LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot, std::uint32_t hint = 0);
+    bool TryHint(std::uint32_t hint, std::uint32_t record, TPageRef* leaf, int* slot);
 
     std::int16_t WalkNode(std::uint32_t number, std::uint8_t level, const std::vector<std::uint8_t>& low,
                           const std::vector<std::uint8_t>& high, bool hasHigh, std::uint32_t* count,

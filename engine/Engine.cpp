@@ -159,12 +159,12 @@ const std::vector<std::uint8_t>& StoredKey(const TSlot& index, const void* key, 
 }
 
 // Makes the record current in its data file and reads its fixed part.
-std::int16_t ReadFixedPart(TSlot& data, std::uint32_t record, void* buffer) {
+std::int16_t ReadFixedPart(TSlot& data, std::uint32_t record, void* buffer, std::uint32_t hint = 0) {
     THostFile* host = data.fHost;
     std::uint32_t length = 0;
     bool found = false;
     const std::int16_t error = host->ReadRecordUpTo(data.fMember, record, host->Member(data.fMember).fFixedLength,
-                                                    static_cast<std::uint8_t*>(buffer), &length, &found);
+                                                    static_cast<std::uint8_t*>(buffer), &length, &found, hint);
     if (error != kEngineNoError) return error;
     if (!found) return kBadRecordPosition;
     data.fCurrent = record;
@@ -181,11 +181,13 @@ std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* reco
     bool found = false;
     std::vector<std::uint8_t>& foundKey = gEngine.fFoundKey;
     foundKey.resize(stored.size());
-    std::int16_t error = index->fHost->FindKey(index->fMember, mode, stored.data(), foundKey.data(), &record, &found);
+    std::uint32_t hint = 0;
+    std::int16_t error =
+        index->fHost->FindKey(index->fMember, mode, stored.data(), foundKey.data(), &record, &found, &hint);
     if (error != kEngineNoError) return Fail(error, indexFile);
     if (!found) return Fail(kEngineKeyNotFound, indexFile);
     index->fHost->MakeTreeKey(index->fMember, foundKey.data(), record, &index->fLastKey);
-    error = ReadFixedPart(gEngine.fSlots[index->fDataSlot], record, recordBuffer);
+    error = ReadFixedPart(gEngine.fSlots[index->fDataSlot], record, recordBuffer, hint);
     return Result(error, index->fDataSlot);
 }
 

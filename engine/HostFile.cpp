@@ -404,7 +404,7 @@ void THostFile::MakeTreeKey(std::uint8_t index, const std::uint8_t* key, std::ui
 }
 
 std::int16_t THostFile::FindKey(std::uint8_t index, FindMode mode, const std::uint8_t* key,
-                                std::uint8_t* foundKey, std::uint32_t* record, bool* found) {
+                                std::uint8_t* foundKey, std::uint32_t* record, bool* found, std::uint32_t* hint) {
     TMember& m = fMembers[index];
     *found = false;
     if (const std::int16_t refused = fPager->Poisoned()) return refused;
@@ -416,7 +416,7 @@ std::int16_t THostFile::FindKey(std::uint8_t index, FindMode mode, const std::ui
     std::vector<std::uint8_t>& foundTreeKey = fFoundKey;
     foundTreeKey.resize(m.fTree.fKeyLength);
     TTree tree(fPager.get(), &m.fTree);
-    const std::int16_t error = tree.IndexFind(treeMode, treeKey.data(), foundTreeKey.data(), record, found);
+    const std::int16_t error = tree.IndexFind(treeMode, treeKey.data(), foundTreeKey.data(), record, found, hint);
     if (error != kEngineNoError) return error;
     if (*found && mode == FindMode::kEqual && std::memcmp(foundTreeKey.data(), key, m.fKeyLength) != 0)
         *found = false;
@@ -523,12 +523,13 @@ std::int16_t THostFile::ApplyAdd(std::uint8_t data, std::uint32_t record, const 
         }
     }
     // From here on a failure leaves the trees half changed.
-    std::int16_t error = TTree(fPager.get(), &m.fTree).DataInsert(record, bytes, length);
+    std::uint32_t where = 0;
+    std::int16_t error = TTree(fPager.get(), &m.fTree).DataInsert(record, bytes, length, &where);
     if (error != kEngineNoError) return Broken(error);
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
         MakeTreeKey(index, keys[i].data(), record, &fTreeKey);
-        error = TTree(fPager.get(), &fMembers[index].fTree).IndexInsert(fTreeKey.data(), record);
+        error = TTree(fPager.get(), &fMembers[index].fTree).IndexInsert(fTreeKey.data(), record, where);
         if (error != kEngineNoError) return Broken(error);
     }
     if (record >= m.fNextRecord) m.fNextRecord = record + 1;
@@ -559,7 +560,8 @@ std::int16_t THostFile::ApplyRewrite(std::uint8_t data, std::uint32_t record, co
     bool found = false;
     if ((error = tree.DataDelete(record, &found)) != kEngineNoError) return Broken(error);
     if (!found) return kBadRecordPosition;
-    if ((error = tree.DataInsert(record, bytes, length)) != kEngineNoError) return Broken(error);
+    std::uint32_t where = 0;
+    if ((error = tree.DataInsert(record, bytes, length, &where)) != kEngineNoError) return Broken(error);
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         if (newKeys[i] == oldKeys[i]) continue;
         const std::uint8_t index = m.fIndexes[i];
@@ -568,7 +570,7 @@ std::int16_t THostFile::ApplyRewrite(std::uint8_t data, std::uint32_t record, co
         if ((error = indexTree.IndexDelete(oldTreeKey.data(), &found)) != kEngineNoError) return Broken(error);
         if (!found) return Broken(kKeyNotDeleted);
         const std::vector<std::uint8_t> newTreeKey = TreeKey(index, newKeys[i].data(), record);
-        if ((error = indexTree.IndexInsert(newTreeKey.data(), record)) != kEngineNoError) return Broken(error);
+        if ((error = indexTree.IndexInsert(newTreeKey.data(), record, where)) != kEngineNoError) return Broken(error);
     }
     return kEngineNoError;
 }
@@ -634,10 +636,10 @@ std::int16_t THostFile::ReadRecord(std::uint8_t data, std::uint32_t record, std:
 }
 
 std::int16_t THostFile::ReadRecordUpTo(std::uint8_t data, std::uint32_t record, std::uint32_t limit,
-                                      std::uint8_t* out, std::uint32_t* length, bool* found) {
+                                      std::uint8_t* out, std::uint32_t* length, bool* found, std::uint32_t hint) {
     *found = false;
     if (const std::int16_t refused = fPager->Poisoned()) return refused;
-    return TTree(fPager.get(), &fMembers[data].fTree).DataReadUpTo(record, limit, out, length, found);
+    return TTree(fPager.get(), &fMembers[data].fTree).DataReadUpTo(record, limit, out, length, found, hint);
 }
 
 // ---------------------------------------------------------------------------

@@ -80,14 +80,14 @@ public:
                             std::uint32_t length);
     // The record's first bytes (at most limit) and its whole length.
     std::int16_t ReadRecordUpTo(std::uint8_t data, std::uint32_t record, std::uint32_t limit, std::uint8_t* out,
-                                std::uint32_t* length, bool* found);
+                                std::uint32_t* length, bool* found, std::uint32_t hint = 0);
 
     // Keys of an index member. key is the stored (transformed) form, of the
     // index's key length; foundKey receives the same.
     void TransformKey(std::uint8_t index, std::uint8_t* key) const;
     void BuildKey(std::uint8_t index, const std::uint8_t* record, std::uint32_t length, std::uint8_t* key) const;
     std::int16_t FindKey(std::uint8_t index, FindMode mode, const std::uint8_t* key, std::uint8_t* foundKey,
-                         std::uint32_t* record, bool* found);
+                         std::uint32_t* record, bool* found, std::uint32_t* hint = nullptr);
     // The same, continuing after a key found before (its tree key).
     std::int16_t FindAfterTreeKey(std::uint8_t index, const std::vector<std::uint8_t>& treeKey,
                                   std::uint8_t* foundKey, std::uint32_t* record, bool* found,

@@ -151,6 +151,16 @@ public:
 
     // Pins the page, reading it (and checking its checksum) if need be.
     std::int16_t Fetch(std::uint32_t number, TPage** page);
+    // Pins the page only if it is in the cache (never reads); null otherwise.
+    TPage* FindCached(std::uint32_t number) {
+        if (fPoison != 0) return nullptr;
+        TPage* page = fPages.Find(number);
+        if (page != nullptr) {
+            page->fReferenced = true;
+            ++page->fPins;
+        }
+        return page;
+    }
     // A new zero-filled page, pinned and changed. It is free in the last
     // checkpoint's state, so it may be changed at will until the next one.
     std::int16_t Allocate(TPage** page);
