@@ -474,9 +474,13 @@ std::int16_t THostFile::Log(std::uint8_t kind, std::uint8_t data, std::uint32_t 
     if (fReplaying) return kEngineNoError;
     std::int16_t error = fPager->AppendLog(kind, data, record, bytes, length);
     if (error != kEngineNoError) return error;
-    // The operation is done; a checkpoint that fails now is felt by the
-    // next call.
-    if (fPager->CheckpointDue()) fPager->Checkpoint(SaveCatalog());
+    // The operation is done; a checkpoint or write-back that fails now is
+    // felt by the next call.
+    if (fPager->CheckpointDue()) {
+        fPager->Checkpoint(SaveCatalog());
+    } else if (fPager->WriteBackDue()) {
+        fPager->WriteBack();
+    }
     return kEngineNoError;
 }
 

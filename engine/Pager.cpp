@@ -37,10 +37,15 @@ constexpr std::uint32_t kFrameHeadSize = 16;
 constexpr std::uint32_t kMaxFramePayload = 0x40000000;
 
 // A checkpoint is due when the log passes this size or this many pages have
-// been allocated (or copied) since the last one: it keeps every checkpoint,
-// the close's included, to a few megabytes of writes.
+// been allocated (or copied) since the last one. Between checkpoints, changed
+// pages are written back to their places whenever this many have gathered,
+// and the system is asked to start writing them to the disk: the checkpoint's
+// sync (the close's too) then finds little left to do, while a page changed
+// again and again until the next checkpoint is still copied only once.
 constexpr std::uint64_t kCheckpointLogBytes = 64ull << 20;
-constexpr std::size_t kCheckpointPages = 1024;
+constexpr std::size_t kCheckpointPages = 8192;
+constexpr std::size_t kWriteBackPages = 1024;
+std::size_t gCheckpointPages = kCheckpointPages;
 
 std::size_t gCacheCapacity = 16384;  // 64 MiB of pages
 std::uint32_t gSaltCounter = 0;
@@ -100,6 +105,7 @@ void TPageTable::Erase(std::uint32_t number) {
 }
 
 void TPager::SetCacheCapacity(std::size_t pages) { gCacheCapacity = pages < 16 ? 16 : pages; }
+void TPager::SetCheckpointPages(std::size_t pages) { gCheckpointPages = pages == 0 ? kCheckpointPages : pages; }
 std::size_t TPager::CacheCapacity() { return gCacheCapacity; }
 
 TPager::TPager(const std::string& path, bool readOnly)
@@ -174,8 +180,10 @@ bool TPager::ParseHeader(const std::uint8_t* page, std::uint64_t* sequence) {
     const std::uint32_t freeHead = Get32(page + kHeaderFreeHeadAt);
     const std::uint32_t freeCount = Get32(page + kHeaderFreeCountAt);
     const std::uint32_t catalogLength = Get32(page + kHeaderCatalogLengthAt);
+    // A free list may be one page listing nothing: the only free page went
+    // to hold the list.
     if (pageCount < kFirstDataPage || freeCount >= pageCount || freeHead >= pageCount ||
-        catalogLength > kCatalogCapacity || (freeCount == 0) != (freeHead == 0) ||
+        catalogLength > kCatalogCapacity || (freeCount != 0 && freeHead == 0) ||
         (freeHead != 0 && freeHead < kFirstDataPage))
         return false;
     *sequence = Get64(page + kHeaderSequenceAt);
@@ -369,6 +377,7 @@ std::int16_t TPager::AppendLog(std::uint8_t kind, std::uint8_t member, std::uint
 // The cache
 
 void TPager::Forget(TPage* page) {
+    if (page->fDirty) --fDirtyCount;
     fPages.Erase(page->fNumber);
     page->fDirty = page->fFresh = page->fChecked = page->fReferenced = page->fInUse = false;
     page->fPins = 0;
@@ -496,6 +505,7 @@ std::int16_t TPager::Allocate(TPage** page) {
     frame->fNumber = number;
     frame->fPins = 1;
     frame->fDirty = true;
+    ++fDirtyCount;
     frame->fFresh = true;
     frame->fChecked = true;
     frame->fReferenced = true;
@@ -517,7 +527,37 @@ void TPager::MarkDirty(TPage* page) {
         Poison(kPageDamaged);
         return;
     }
+    if (!page->fDirty) ++fDirtyCount;
     page->fDirty = true;
+}
+
+bool TPager::WriteBackDue() const { return !fReadOnly && fPoison == 0 && fDirtyCount > kWriteBackPages; }
+
+// Writes every changed page to its place (each is new since the last
+// checkpoint, so nothing depends on its place yet) and keeps it, clean.
+std::int16_t TPager::WriteBack() {
+    if (fReadOnly || fPoison != 0) return fPoison;
+    std::vector<TImage> pages;
+    std::vector<TPage*> written;
+    fPages.ForEach([&](TPage* page) {
+        if (!page->fDirty) return;
+        SealPage(page->fNumber, page->fData);
+        pages.push_back(TImage{page->fNumber, page->fData, {}});
+        written.push_back(page);
+    });
+    const std::int16_t error = WriteImagesToFile(pages);
+    if (error != kEngineNoError) {
+        Poison(error);
+        return error;
+    }
+    if (!fFile->Sync()) {
+        Poison(kWriteFailed);
+        return kWriteFailed;
+    }
+    ++fStats.fSyncs;
+    for (TPage* page : written) page->fDirty = false;
+    fDirtyCount = 0;
+    return kEngineNoError;
 }
 
 void TPager::FreePage(std::uint32_t number) {
@@ -543,7 +583,7 @@ std::vector<std::uint32_t> TPager::FreePages() const {
 // Checkpoints
 
 bool TPager::CheckpointDue() const {
-    return !fReadOnly && fPoison == 0 && (fLogSize > kCheckpointLogBytes || fFresh.size() > kCheckpointPages);
+    return !fReadOnly && fPoison == 0 && (fLogSize > kCheckpointLogBytes || fFresh.size() > gCheckpointPages);
 }
 
 bool TPager::HasChanges() const {
@@ -627,7 +667,9 @@ std::int16_t TPager::WriteImagesToFile(std::vector<TImage>& images) {
     return kEngineNoError;
 }
 
-std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
+std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) { return Checkpoint(catalog, true); }
+
+std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog, bool restartLog) {
     if (fReadOnly) return kEngineNoError;
     if (fPoison != 0) return fPoison;
     if (catalog.size() > kCatalogCapacity) return kBadArgument;
@@ -682,11 +724,12 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
     // page now belongs to it.
     ++fSequence;
     fStoredCatalog = catalog;
-    if ((error = StartLog()) != kEngineNoError) return fail(error);
+    if (restartLog && (error = StartLog()) != kEngineNoError) return fail(error);
     fPages.ForEach([](TPage* page) {
         page->fDirty = false;
         page->fFresh = false;
     });
+    fDirtyCount = 0;
     fFresh.clear();
     ++fStats.fCheckpoints;
     return kEngineNoError;
@@ -695,10 +738,8 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
 std::int16_t TPager::Close(const std::vector<std::uint8_t>& catalog) {
     std::int16_t error = kEngineNoError;
     if (!fReadOnly && fPoison == 0) {
-        error = Checkpoint(catalog);
-        // The twin of the header slot reaches the disk too, so that a closed
-        // file survives damage to either slot.
-        if (error == kEngineNoError && !fFile->Sync()) error = kWriteFailed;
+        // The log goes once the checkpoint is made, so it need not restart.
+        error = Checkpoint(catalog, false);
         if (error == kEngineNoError && fLog) {
             fLog.reset();
             CurrentFileSystem()->Remove(fLogPath);

@@ -176,10 +176,14 @@ public:
     std::int16_t AppendLog(std::uint8_t kind, std::uint8_t member, std::uint32_t aux,
                            const std::uint8_t* payload, std::uint32_t length);
     bool CheckpointDue() const;
+    // Enough changed pages have gathered to write them back (WriteBack).
+    bool WriteBackDue() const;
+    std::int16_t WriteBack();
     // Something a checkpoint would write.
     bool HasChanges() const;
     // Writes every change and the catalog, and starts the log afresh.
     std::int16_t Checkpoint(const std::vector<std::uint8_t>& catalog);
+    std::int16_t Checkpoint(const std::vector<std::uint8_t>& catalog, bool restartLog);
     // Checkpoints (unless read-only) and removes the log.
     std::int16_t Close(const std::vector<std::uint8_t>& catalog);
 
@@ -198,6 +202,9 @@ public:
     // Pages the cache may hold (process-wide; for tests that want eviction).
     static void SetCacheCapacity(std::size_t pages);
     static std::size_t CacheCapacity();
+    // New pages after which a checkpoint is due (process-wide; for tests that
+    // want checkpoints often). 0 restores the usual number.
+    static void SetCheckpointPages(std::size_t pages);
 
 private:
     TPager(const std::string& path, bool readOnly);
@@ -239,7 +246,6 @@ private:
     std::uint32_t fPageCount = 1;   // pages in use or free, header included
     std::vector<std::uint8_t> fStoredCatalog;
     std::vector<std::uint8_t> fCurrentHeader;  // the header slot of the last state
-    bool fCatalogChanged = false;
 
     // Free space: pages free in the last checkpoint's state and not used
     // since, plus pages allocated and freed again since; pages of the last
@@ -255,6 +261,7 @@ private:
     std::vector<TPage*> fFrames;
     std::vector<TPage*> fSpareFrames;
     std::size_t fHand = 0;
+    std::size_t fDirtyCount = 0;  // frames changed and not yet written
 
     std::uint64_t fLogOffset = 0;
     std::uint32_t fLogChain = 0;

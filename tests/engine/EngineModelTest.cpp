@@ -40,11 +40,14 @@ protected:
     void SetUp() override {
         fPreviousCapacity = engine::TPager::CacheCapacity();
         engine::TPager::SetCacheCapacity(GetParam());
+        // With a tiny cache, checkpoints come every few pages too.
+        engine::TPager::SetCheckpointPages(GetParam() < 100 ? 8 : 0);
         ASSERT_EQ(EngineInit(24, 60, 4, 24, 33), kEngineNoError);
     }
     void TearDown() override {
         EngineStop();
         engine::TPager::SetCacheCapacity(fPreviousCapacity);
+        engine::TPager::SetCheckpointPages(0);
     }
 
     // Model orders: by type then signed ID, by type then padded name.
