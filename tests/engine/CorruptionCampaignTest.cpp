@@ -1,0 +1,604 @@
+// Damage is detected, never trusted. A real database (a few thousand records,
+// some long) is made once in the fault-injecting file system in three
+// states: closed cleanly; with a live log after a process death; and with a
+// checkpoint cut short by a loss of power after its log was synced, so that
+// the file is half overwritten and only the log can finish it. Then, round
+// after round, a copy is damaged (bit flips, a truncation, a zeroed range, a
+// range of random bytes, damaged log frames) and:
+//  - opening it and checking it whole answer kFileNotOpened or succeed;
+//  - when it opens and the check finds nothing, it holds exactly the records
+//    of a state it could honestly be in (with a live log: the records after
+//    some prefix of the logged operations, since damage in the log looks
+//    like a log cut short);
+//  - whatever the check says, reading every record by both keys, counting
+//    and walking both indexes answer the right records or clean errors,
+//    never a crash, a hang or a read out of bounds (which the sanitizer
+//    build would stop at).
+// Foreign files (random bytes, text, an empty file, zeros) never open. And
+// damage that checksums cannot see (every page and frame resealed after it)
+// is answered with codes too, though its records may then be wrong.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "engine/Bytes.h"
+#include "engine/FaultFileIO.h"
+#include "engine/FileIO.h"
+#include "engine/Pager.h"
+#include "tests/engine/CampaignSupport.h"
+#include "tests/engine/Reseal.h"
+
+namespace {
+
+using kavotest::Bytes;
+using kavotest::CampaignCount;
+using kavotest::FindPrefix;
+using kavotest::PerformOperation;
+using kavotest::ReadContent;
+using kavotest::TContent;
+using kavotest::TOperation;
+using kavotest::TRecordModel;
+using kavotest::TRecordName;
+using kavotest::TTestDatabase;
+
+constexpr const char* kHostName = "damaged.kdb";
+constexpr const char* kLogName = "damaged.kdb!log";
+constexpr std::size_t kPage = engine::kPageSize;
+
+// A database image: its host file and log bytes, the records it holds when
+// all of its log is redone, and the states it may honestly show.
+struct TImage {
+    std::string fHost;
+    std::string fLog;  // empty: no log
+    TRecordModel fBase;
+    std::vector<TOperation> fLogged;  // the operations in the log, after fBase
+    // Every version of every record that some state holds.
+    std::map<TRecordName, std::set<Bytes>> fVersions;
+
+    void CollectVersions() {
+        for (const auto& [name, record] : fBase.Records()) fVersions[name].insert(*record.fBytes);
+        for (const TOperation& op : fLogged) {
+            if (op.fKind == TOperation::kDelete) continue;
+            const TRecordName name{op.fType, op.fKind == TOperation::kAdd ? op.fID : op.fNewID};
+            fVersions[name].insert(op.Record());
+        }
+    }
+};
+
+// Makes the three images once; each test copies the one it damages.
+class TImages {
+public:
+    static const TImages& Get() {
+        static const TImages images;
+        return images;
+    }
+    TImage fClosed;
+    TImage fLiveLog;
+    TImage fCutCheckpoint;
+
+private:
+    TImages() {
+        const std::size_t previousCapacity = engine::TPager::CacheCapacity();
+        engine::TFaultFileSystem fs;
+        engine::InstallFileSystem(&fs);
+        EngineInit(24, 60, 4, 24, 33);
+        TTestDatabase db(kHostName);
+        db.Create();
+        std::mt19937 random(4242);
+        TRecordModel model;
+        static const char* const kTypes[] = {"MDUM", "path", "SEEN", "DVC ", "alis"};
+        for (int i = 0; i < 2500; ++i) {
+            TOperation op;
+            op.fType = kTypes[random() % 5];
+            op.fID = static_cast<std::int32_t>(random() % 2000000) - 1000000;
+            if (random() % 50 == 0) op.fID = random() % 2 == 0 ? INT32_MIN : INT32_MAX;
+            op.fName = "r" + std::to_string(i);
+            op.fSeed = static_cast<std::uint32_t>(random());
+            const unsigned die = random() % 400;
+            op.fSize = die < 2    ? 80000 + random() % 40000
+                       : die < 24 ? 1000 + random() % 8000
+                                  : random() % 300;
+            if (model.Expected(op) != kEngineNoError) continue;
+            PerformOperation(db, op);
+            model.Apply(op);
+        }
+        db.Close();
+        fs.ReadWholeFile(kHostName, &fClosed.fHost);
+        fClosed.fBase = model;
+
+        // A process death with operations in the log (a cache roomy enough
+        // that no checkpoint comes between).
+        engine::TPager::SetCacheCapacity(4096);
+        db.Open();
+        fLiveLog.fBase = model;
+        RunLoggedOperations(db, &model, &fLiveLog.fLogged, random);
+        fs.Crash();
+        fs.ReadWholeFile(kHostName, &fLiveLog.fHost);
+        fs.ReadWholeFile(kLogName, &fLiveLog.fLog);
+        EngineStop();
+
+        // A checkpoint whose log is synced and whose overwriting is cut
+        // short: the close's last sync fails, then the power goes. The same
+        // steps run twice from the live log's state, the first time to count
+        // the close's syncs.
+        fCutCheckpoint.fBase = model;
+        int closingSyncs = 0;
+        for (int run = 0; run < 2; ++run) {
+            engine::TFaultFileSystem cutFs;
+            engine::InstallFileSystem(&cutFs);
+            cutFs.WriteWholeFile(kHostName, fLiveLog.fHost);
+            cutFs.WriteWholeFile(kLogName, fLiveLog.fLog);
+            EngineInit(24, 60, 4, 24, 33);
+            db.Open();
+            std::mt19937 sameRandom = random;
+            TRecordModel sameModel = model;
+            fCutCheckpoint.fLogged.clear();
+            RunLoggedOperations(db, &sameModel, &fCutCheckpoint.fLogged, sameRandom);
+            cutFs.ResetCounters();
+            if (run == 1) cutFs.FailSyncAfter(closingSyncs - 1);
+            db.Close();
+            closingSyncs = static_cast<int>(cutFs.Counters().fSyncs);
+            if (run == 1) {
+                cutFs.PowerCut(99);
+                cutFs.ReadWholeFile(kHostName, &fCutCheckpoint.fHost);
+                cutFs.ReadWholeFile(kLogName, &fCutCheckpoint.fLog);
+            }
+            EngineStop();
+        }
+        engine::InstallFileSystem(nullptr);
+        engine::TPager::SetCacheCapacity(previousCapacity);
+        for (TImage* image : {&fClosed, &fLiveLog, &fCutCheckpoint}) image->CollectVersions();
+    }
+
+    static void RunLoggedOperations(const TTestDatabase& db, TRecordModel* model,
+                                    std::vector<TOperation>* logged, std::mt19937& random) {
+        for (int i = 0; i < 120; ++i) {
+            const TOperation op = model->RandomOperation(random, 3000);
+            if (model->Expected(op) != kEngineNoError) continue;
+            PerformOperation(db, op);
+            model->Apply(op);
+            logged->push_back(op);
+        }
+    }
+};
+
+// --- Damage.
+
+void FlipBits(std::string* bytes, std::mt19937& random, std::size_t from, std::size_t to) {
+    if (to <= from) return;
+    const int flips = 1 + static_cast<int>(random() % 16);
+    for (int i = 0; i < flips; ++i) {
+        const std::size_t at = from + random() % (to - from);
+        (*bytes)[at] = static_cast<char>((*bytes)[at] ^ (1u << (random() % 8)));
+    }
+}
+
+// A range: mostly small and anywhere, now and then a whole page.
+void ChooseRange(const std::string& bytes, std::mt19937& random, std::size_t* at, std::size_t* length) {
+    if (random() % 3 == 0 && bytes.size() >= kPage) {
+        *at = (random() % (bytes.size() / kPage)) * kPage;
+        *length = kPage;
+        return;
+    }
+    *at = random() % bytes.size();
+    *length = std::min<std::size_t>(1 + random() % (3 * kPage), bytes.size() - *at);
+}
+
+enum class TDamage { kBitFlips, kPageStartFlips, kTruncation, kZeroedRange, kRandomRange, kCount };
+
+// Damages the host file or the log, and says what it did.
+std::string Damage(std::string* bytes, TDamage damage, std::mt19937& random) {
+    if (bytes->empty()) return "nothing to damage";
+    std::size_t at = 0;
+    std::size_t length = 0;
+    switch (damage) {
+        case TDamage::kBitFlips: {
+            // One time in four the flips stay in the first page, where the
+            // header, the catalog or the log's first frames are.
+            const std::size_t end = random() % 4 == 0 ? std::min(bytes->size(), kPage) : bytes->size();
+            FlipBits(bytes, random, 0, end);
+            return "bit flips";
+        }
+        case TDamage::kPageStartFlips: {
+            // A few flips in the first bytes of one page, where its header
+            // and first entries (keys, children, counts) are.
+            const std::size_t page = (random() % (bytes->size() / kPage + 1)) * kPage;
+            FlipBits(bytes, random, page, std::min(bytes->size(), page + 128));
+            return "bit flips at the start of the page at " + std::to_string(page);
+        }
+        case TDamage::kTruncation:
+            bytes->resize(random() % 4 == 0 ? (random() % (bytes->size() / kPage + 1)) * kPage
+                                            : random() % bytes->size());
+            return "truncated to " + std::to_string(bytes->size());
+        case TDamage::kZeroedRange:
+            ChooseRange(*bytes, random, &at, &length);
+            std::fill(bytes->begin() + at, bytes->begin() + at + length, '\0');
+            return "zeros at " + std::to_string(at) + ", " + std::to_string(length) + " bytes";
+        case TDamage::kRandomRange:
+            ChooseRange(*bytes, random, &at, &length);
+            for (std::size_t i = at; i < at + length; ++i) (*bytes)[i] = static_cast<char>(random());
+            return "random bytes at " + std::to_string(at) + ", " + std::to_string(length) + " bytes";
+        case TDamage::kCount:
+            break;
+    }
+    return "";
+}
+
+bool IsEngineError(std::int16_t error) {
+    static const std::set<std::int16_t> kKnown = {
+        kKeyExists,       kKeyNotDeleted,     kFileNotOpened, kFileNotCreated,    kPageDamaged,
+        kWriteFailed,     kFileNumberInUse,   kFileNotActive, kNoWritePermission, kBadRecordPosition,
+        kNoCurrentRecord, kEngineKeyNotFound, kBadArgument,   kEngineOutOfMemory, kBufferTooSmall,
+        kMemberNotFound,  kFileFull};
+    return kKnown.count(error) != 0;
+}
+
+class CorruptionCampaignTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fPreviousCapacity = engine::TPager::CacheCapacity();
+        engine::InstallFileSystem(&*fFileSystem);
+    }
+    void TearDown() override {
+        EngineStop();
+        engine::InstallFileSystem(nullptr);
+        engine::TPager::SetCacheCapacity(fPreviousCapacity);
+    }
+
+    // A fresh, empty file system and a freshly started engine.
+    void Restart() {
+        EngineStop();
+        fFileSystem = std::make_unique<engine::TFaultFileSystem>();
+        engine::InstallFileSystem(&*fFileSystem);
+        ASSERT_EQ(EngineInit(24, 60, 4, 24, 33), kEngineNoError);
+    }
+
+    // Plants the files in a fresh file system.
+    void Plant(const std::string& host, const std::string* log) {
+        Restart();
+        fFileSystem->WriteWholeFile(kHostName, host);
+        if (log != nullptr) fFileSystem->WriteWholeFile(kLogName, *log);
+    }
+
+    // Opens, checks and reads a planted damaged image; `what` describes the
+    // damage for messages. With resealed checksums the check may rightly
+    // find nothing wrong with records that are.
+    void Examine(const TImage& image, const std::string& what, bool resealed, std::mt19937& random) {
+        engine::TPager::SetCacheCapacity(16 + random() % 200);
+        TIntegrityReport report;
+        const std::int16_t checked = CheckHostFile(kHostName, &report);
+        ASSERT_TRUE(checked == kEngineNoError || checked == kFileNotOpened)
+            << what << ": check answered " << checked;
+        const bool reported = checked != kEngineNoError || !report.fProblems.empty();
+        ++(checked != kEngineNoError ? fRefusedByCheck : reported ? fReportedByCheck : fCleanChecks);
+        const bool clean = !reported && !resealed;
+
+        TTestDatabase db(kHostName);
+        const bool readOnly = random() % 4 == 0;
+        const std::int16_t opened = db.Open(readOnly);
+        ASSERT_TRUE(opened == kEngineNoError || opened == kFileNotOpened)
+            << what << ": open answered " << opened;
+        if (opened != kEngineNoError) {
+            ++fRefusedByOpen;
+            return;
+        }
+        const TContent content = ReadContent(db, 1u << 21);
+        if (!content.fProblem.empty() && content.fError != kEngineNoError) {
+            ASSERT_TRUE(IsEngineError(content.fError)) << what << ": " << content.fProblem;
+        }
+        if (clean) {
+            // Nothing reported: the content must be a state the file could
+            // honestly be in.
+            ASSERT_TRUE(content.fProblem.empty())
+                << what << ": the check found nothing, yet " << content.fProblem;
+            const int k = FindPrefix(image.fBase, image.fLogged, content);
+            ASSERT_GE(k, 0) << what << ": the check found nothing, yet the records are no state of the file";
+        }
+        ExerciseReads(db, image, clean, what);
+        const std::int16_t closed = db.Close();
+        ASSERT_TRUE(closed == kEngineNoError || IsEngineError(closed))
+            << what << ": close answered " << closed;
+    }
+
+    // Every record any state holds, by both keys; counts and ranks. On a
+    // damaged file any engine error will do. On a clean one, whose content
+    // the walks have shown to be right, every eighth record is looked up, to
+    // follow the searches' paths too: each answer is right or
+    // kEngineKeyNotFound (a record of another state).
+    void ExerciseReads(const TTestDatabase& db, const TImage& image, bool clean, const std::string& what) {
+        std::size_t wrong = 0;
+        std::size_t seen = 0;
+        for (const auto& [name, possible] : image.fVersions) {
+            if (clean && seen++ % 8 != 0) continue;
+            for (const Bytes& record : possible) {
+                for (int byName = 0; byName < 2; ++byName) {
+                    const Bytes key =
+                        byName ? kavotest::NameKey(name.fType.c_str(), kavotest::StoredName(record))
+                               : kavotest::NumberKey(name.fType.c_str(), name.fID);
+                    std::uint8_t fixed[kavotest::kFixedLength];
+                    const std::int16_t error =
+                        GetRecordByKey(byName ? db.NameIndex() : db.NumberIndex(), key.data(), fixed);
+                    if (error != kEngineNoError) {
+                        ASSERT_TRUE(IsEngineError(error)) << what << ": a read answered " << error;
+                        if (error != kEngineKeyNotFound) ++wrong;
+                        continue;
+                    }
+                    const std::uint32_t length = VarRecordLength(db.Data());
+                    if (length == 0 || length > (1u << 21)) {
+                        ++wrong;
+                        continue;
+                    }
+                    Bytes bytes(length);
+                    const std::int16_t read = ReadVarRecord(db.Data(), bytes.data(), length);
+                    if (read != kEngineNoError) {
+                        ASSERT_TRUE(IsEngineError(read)) << what << ": a read answered " << read;
+                        ++wrong;
+                        continue;
+                    }
+                    // By name, another record of the same name may answer.
+                    if (!byName && possible.count(bytes) == 0) ++wrong;
+                }
+                if (!clean) break;  // one version is enough to exercise a damaged file
+            }
+        }
+        if (clean) {
+            EXPECT_EQ(wrong, 0u) << what
+                                 << ": the check found nothing, yet reads failed or answered wrong records";
+        }
+        static const char* const kTypes[] = {"MDUM", "path", "SEEN", "DVC ", "alis", "zzzz"};
+        for (const char* type : kTypes) {
+            const Bytes low = kavotest::NumberKey(type, INT32_MIN);
+            const Bytes high = kavotest::NumberKey(type, INT32_MAX);
+            CountKeyRange(db.NumberIndex(), low.data(), high.data());
+            CountKeysBelow(db.NameIndex(), kavotest::NameKey(type, "r5").data());
+        }
+        std::uint8_t key[36];
+        for (std::uint32_t n = 0; n < 3000; n += 97) NthKey(db.NameIndex(), n, key);
+    }
+
+    // Damages a copy of the image's host file or log (resealing it, if
+    // asked), plants and examines it.
+    void RunRounds(const TImage& image, int rounds, std::uint32_t seed, bool reseal = false) {
+        for (int round = 0; round < rounds && !HasFailure(); ++round) {
+            std::mt19937 random(seed + static_cast<std::uint32_t>(round));
+            std::string host = image.fHost;
+            std::string log = image.fLog;
+            const bool inLog = !log.empty() && random() % 2 == 0;
+            const auto damage = static_cast<TDamage>(random() % static_cast<unsigned>(TDamage::kCount));
+            const std::string what = "round " + std::to_string(round) + ", " +
+                                     (inLog ? "log: " : "host file: ") +
+                                     Damage(inLog ? &log : &host, damage, random);
+            if (reseal) {
+                kavotest::ResealPages(&host);
+                kavotest::ResealLog(&log);
+            }
+            Plant(host, image.fLog.empty() ? nullptr : &log);
+            Examine(image, what, reseal, random);
+        }
+    }
+
+    void ExpectNeverOpens(const std::string& host, const std::string& what) {
+        Plant(host, nullptr);
+        TIntegrityReport report;
+        EXPECT_EQ(CheckHostFile(kHostName, &report), kFileNotOpened) << what;
+        TTestDatabase db(kHostName);
+        EXPECT_EQ(db.Open(), kFileNotOpened) << what;
+        EXPECT_EQ(db.Open(true), kFileNotOpened) << what;
+    }
+
+    kavotest::TWorkingDirectory fWorkingDirectory{"corruption"};  // for the status log
+    std::unique_ptr<engine::TFaultFileSystem> fFileSystem = std::make_unique<engine::TFaultFileSystem>();
+    std::size_t fPreviousCapacity = 0;
+    int fRefusedByCheck = 0;
+    int fReportedByCheck = 0;
+    int fCleanChecks = 0;
+    int fRefusedByOpen = 0;
+};
+
+TEST_F(CorruptionCampaignTest, TheUndamagedImagesOpenWithTheirRecords) {
+    const TImages& images = TImages::Get();
+    for (const TImage* image : {&images.fClosed, &images.fLiveLog, &images.fCutCheckpoint}) {
+        Plant(image->fHost, image->fLog.empty() ? nullptr : &image->fLog);
+        TIntegrityReport report;
+        ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
+        ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+        TTestDatabase db(kHostName);
+        ASSERT_EQ(db.Open(), kEngineNoError);
+        const TContent content = ReadContent(db);
+        // Every logged operation was acknowledged: all of them are there.
+        EXPECT_EQ(FindPrefix(image->fBase, image->fLogged, content, image->fLogged.size()),
+                  static_cast<int>(image->fLogged.size()))
+            << content.fProblem;
+        EXPECT_GE(image->fBase.Size(), 2000u);
+        ASSERT_EQ(db.Close(), kEngineNoError);
+    }
+    EXPECT_TRUE(images.fClosed.fLog.empty());
+    EXPECT_FALSE(images.fLiveLog.fLog.empty());
+    EXPECT_FALSE(images.fCutCheckpoint.fLog.empty());
+    EXPECT_NE(images.fCutCheckpoint.fHost, images.fLiveLog.fHost);
+}
+
+TEST_F(CorruptionCampaignTest, ADamagedClosedFileFailsToOpenOrIsReportedByTheCheck) {
+    RunRounds(TImages::Get().fClosed, CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 1000);
+    std::printf("refused by the check %d, reported by it %d, clean %d; refused by open %d\n", fRefusedByCheck,
+                fReportedByCheck, fCleanChecks, fRefusedByOpen);
+}
+
+TEST_F(CorruptionCampaignTest, ADamagedFileWithALiveLogFailsToOpenOrIsReportedByTheCheck) {
+    RunRounds(TImages::Get().fLiveLog, CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 2000);
+    std::printf("refused by the check %d, reported by it %d, clean %d; refused by open %d\n", fRefusedByCheck,
+                fReportedByCheck, fCleanChecks, fRefusedByOpen);
+}
+
+TEST_F(CorruptionCampaignTest, ADamagedFileWithACheckpointCutShortFailsToOpenOrIsReportedByTheCheck) {
+    RunRounds(TImages::Get().fCutCheckpoint, CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 3000);
+    std::printf("refused by the check %d, reported by it %d, clean %d; refused by open %d\n", fRefusedByCheck,
+                fReportedByCheck, fCleanChecks, fRefusedByOpen);
+}
+
+TEST_F(CorruptionCampaignTest, DamageBehindValidChecksumsIsAnsweredWithCodes) {
+    const TImages& images = TImages::Get();
+    const int rounds = CampaignCount("KAVO_CORRUPTION_ROUNDS", 150) / 2;
+    RunRounds(images.fClosed, rounds, 4000, true);
+    RunRounds(images.fLiveLog, rounds / 2, 5000, true);
+    RunRounds(images.fCutCheckpoint, rounds / 2, 6000, true);
+    std::printf("refused by the check %d, reported by it %d, not seen %d; refused by open %d\n",
+                fRefusedByCheck, fReportedByCheck, fCleanChecks, fRefusedByOpen);
+}
+
+// The interior pages hold the counts that ranks and range counts add up: a
+// count written wrong behind a valid checksum is answered as damage, never
+// by ending the process.
+TEST_F(CorruptionCampaignTest, InteriorPagesDamagedBehindValidChecksumsAreAnsweredWithCodes) {
+    const TImage& image = TImages::Get().fClosed;
+    std::mt19937 random(7000);
+    int interiorPages = 0;
+    for (std::size_t page = kPage; page + kPage <= image.fHost.size(); page += kPage) {
+        if (static_cast<std::uint8_t>(image.fHost[page + engine::kPageTypeAt]) != engine::kPageTypeInterior)
+            continue;
+        ++interiorPages;
+        for (int trial = 0; trial < 20 && !HasFailure(); ++trial) {
+            std::string host = image.fHost;
+            const std::size_t entries = page + engine::kPageHeaderSize;
+            for (int flips = 1 + static_cast<int>(random() % 3); flips > 0; --flips) {
+                const std::size_t at = entries + random() % 512;
+                host[at] = static_cast<char>(host[at] ^ (1u << (random() % 8)));
+            }
+            kavotest::ResealPages(&host);
+            Plant(host, nullptr);
+            Examine(image, "interior page at " + std::to_string(page) + ", trial " + std::to_string(trial),
+                    true, random);
+        }
+    }
+    EXPECT_GE(interiorPages, 3);
+}
+
+// A child of the data tree's interior page rewritten, behind a valid
+// checksum, to name a leaf of the number index that a lookup has already
+// read (and checked as an index leaf): the data tree must not take it for
+// one of its own leaves.
+TEST_F(CorruptionCampaignTest, APointerToAPageOfAnotherTreeIsAnsweredAsDamage) {
+    Restart();
+    TTestDatabase db(kHostName);
+    ASSERT_EQ(db.Create(), kEngineNoError);
+    for (std::int32_t id = 1; id <= 300; ++id) {
+        const Bytes record = kavotest::MakeRecord("MDUM", id, "n" + std::to_string(id), Bytes(100, 7));
+        ASSERT_EQ(AddVarRecord(db.Data(), record.data(), static_cast<std::uint32_t>(record.size())),
+                  kEngineNoError);
+    }
+    ASSERT_EQ(db.Close(), kEngineNoError);
+    std::string host;
+    ASSERT_TRUE(fFileSystem->ReadWholeFile(kHostName, &host));
+    auto* bytes = reinterpret_cast<std::uint8_t*>(&host[0]);
+    std::size_t dataInterior = 0;
+    std::uint32_t indexLeaf = 0;
+    for (std::uint32_t number = 1; (number + 1) * kPage <= host.size(); ++number) {
+        const std::uint8_t* page = bytes + number * kPage;
+        const std::uint32_t owner = engine::Get32(page + engine::kPageOwnerAt);  // 0: data, 1: number index
+        if (page[engine::kPageTypeAt] == engine::kPageTypeInterior && owner == 0)
+            dataInterior = number * kPage;
+        if (page[engine::kPageTypeAt] == engine::kPageTypeIndexLeaf && owner == 1 && indexLeaf == 0)
+            indexLeaf = number;
+    }
+    ASSERT_NE(dataInterior, 0u);
+    ASSERT_NE(indexLeaf, 0u);
+    // The data tree's interior entries are a record number, a child and a
+    // count, four bytes each; its last child now names the index leaf.
+    const std::uint32_t last = engine::Get16(bytes + dataInterior + engine::kPageCountAt) - 1u;
+    engine::Put32(bytes + dataInterior + engine::kPageHeaderSize + 12 * last + 4, indexLeaf);
+    kavotest::ResealPages(&host);
+    Plant(host, nullptr);
+    TIntegrityReport report;
+    ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
+    ASSERT_FALSE(report.fProblems.empty()) << "the damage did not take";
+
+    ASSERT_EQ(db.Open(true), kEngineNoError);
+    const Bytes key = kavotest::NumberKey("MDUM", 1);
+    std::uint8_t fixed[kavotest::kFixedLength];
+    ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
+    EXPECT_EQ(ReadFixedAt(db.Data(), 300, fixed), kPageDamaged);
+}
+
+TEST_F(CorruptionCampaignTest, AForeignFileNeverOpens) {
+    std::mt19937 random(77);
+    std::string noise(3 * kPage + 123, '\0');
+    for (char& c : noise) c = static_cast<char>(random());
+    ExpectNeverOpens(noise, "random bytes");
+    std::string pages(4 * kPage, '\0');
+    for (char& c : pages) c = static_cast<char>(random());
+    ExpectNeverOpens(pages, "random whole pages");
+    std::string text;
+    while (text.size() < 2 * kPage) text += "This is a plain text file, not a database.\n";
+    ExpectNeverOpens(text, "a text file");
+    ExpectNeverOpens("", "an empty file");
+    ExpectNeverOpens(std::string(8 * kPage, '\0'), "zeros");
+    ExpectNeverOpens(TImages::Get().fClosed.fHost.substr(0, kPage - 1), "less than a page of a database");
+}
+
+// A sound file whose members have the same names but another layout: the
+// caller's buffers, sized by its own definition, would be too small for the
+// stored fixed part or keys.
+TEST_F(CorruptionCampaignTest, AFileOfAnotherLayoutDoesNotOpenWithThisDefinition) {
+    struct TLayout {
+        std::uint16_t fFixedLength;
+        std::int16_t fNameKeyLength;
+        bool fOpens;
+    };
+    for (const TLayout layout : {TLayout{300, 36, false}, TLayout{40, 40, false}, TLayout{40, 36, true}}) {
+        Restart();
+        const KeySegment segments[4] = {
+            {0, 4, kSegmentBytes}, {4, 4, kSegmentSignedInt}, {0, 4, kSegmentBytes}, {8, 32, kSegmentString}};
+        const IndexDefinition indexes[2] = {
+            {8, 0, 0, 1, 0, 2, &segments[0], "number_key", nullptr, nullptr, nullptr},
+            {layout.fNameKeyLength, 12, 0, 1, 0, 2, &segments[2], "name_key", nullptr, nullptr, nullptr}};
+        const std::string dataName = std::string(kHostName) + "!data";
+        FileDefinition other{
+            dataName.c_str(), -1, layout.fFixedLength, 16384, 68, 2, 4096, 64, indexes, nullptr, nullptr, 0};
+        ASSERT_EQ(CreateHostFile(0, kHostName, 0, 0, kHostCreateMode), kEngineNoError);
+        ASSERT_EQ(CreateFilesFromDefinition(&other), kEngineNoError);
+        const Bytes record(layout.fFixedLength, 0x41);
+        ASSERT_EQ(AddVarRecord(other.fChosenDataFileNumber, record.data(),
+                               static_cast<std::uint32_t>(record.size())),
+                  kEngineNoError);
+        ASSERT_EQ(CloseHostFile(0, 0), kEngineNoError);
+
+        TTestDatabase db(kHostName);
+        const std::int16_t expected = layout.fOpens ? kEngineNoError : kFileNotOpened;
+        EXPECT_EQ(db.Open(true), expected) << layout.fFixedLength << " " << layout.fNameKeyLength;
+        if (layout.fOpens) db.Close();
+        EXPECT_EQ(db.Open(), expected) << layout.fFixedLength << " " << layout.fNameKeyLength;
+        if (layout.fOpens) db.Close();
+    }
+}
+
+TEST_F(CorruptionCampaignTest, AForeignLogBesideASoundFileIsIgnored) {
+    const TImage& image = TImages::Get().fClosed;
+    std::mt19937 random(78);
+    std::string noise(2 * kPage, '\0');
+    for (char& c : noise) c = static_cast<char>(random());
+    for (const std::string& log :
+         {noise, std::string(), std::string(100, '\0'), TImages::Get().fLiveLog.fLog}) {
+        Plant(image.fHost, &log);
+        TIntegrityReport report;
+        ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
+        ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+        TTestDatabase db(kHostName);
+        ASSERT_EQ(db.Open(), kEngineNoError);
+        // The live log of the later state belongs to this file too (it
+        // continues its checkpoint): it is redone.
+        const TContent content = ReadContent(db);
+        const bool ours = log == TImages::Get().fLiveLog.fLog;
+        EXPECT_EQ(FindPrefix(image.fBase, ours ? TImages::Get().fLiveLog.fLogged : std::vector<TOperation>(),
+                             content),
+                  ours ? static_cast<int>(TImages::Get().fLiveLog.fLogged.size()) : 0);
+        ASSERT_EQ(db.Close(), kEngineNoError);
+    }
+}
+
+}  // namespace
