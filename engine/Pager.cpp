@@ -44,8 +44,9 @@ constexpr std::uint32_t kMaxFramePayload = 0x40000000;
 // again and again until the next checkpoint is still copied only once.
 constexpr std::uint64_t kCheckpointLogBytes = 64ull << 20;
 constexpr std::size_t kCheckpointPages = 8192;
-constexpr std::size_t kWriteBackPages = 1024;
+constexpr std::size_t kWriteBackPages = 768;
 std::size_t gCheckpointPages = kCheckpointPages;
+std::uint64_t gCompletedCheckpoints = 0;
 
 std::size_t gCacheCapacity = 16384;  // 64 MiB of pages
 std::uint32_t gSaltCounter = 0;
@@ -106,6 +107,7 @@ void TPageTable::Erase(std::uint32_t number) {
 
 void TPager::SetCacheCapacity(std::size_t pages) { gCacheCapacity = pages < 16 ? 16 : pages; }
 void TPager::SetCheckpointPages(std::size_t pages) { gCheckpointPages = pages == 0 ? kCheckpointPages : pages; }
+std::uint64_t TPager::CompletedCheckpoints() { return gCompletedCheckpoints; }
 std::size_t TPager::CacheCapacity() { return gCacheCapacity; }
 
 TPager::TPager(const std::string& path, bool readOnly)
@@ -531,7 +533,10 @@ void TPager::MarkDirty(TPage* page) {
     page->fDirty = true;
 }
 
-bool TPager::WriteBackDue() const { return !fReadOnly && fPoison == 0 && fDirtyCount > kWriteBackPages; }
+// Tests that ask for checkpoints every few pages get write-backs in between.
+bool TPager::WriteBackDue() const {
+    return !fReadOnly && fPoison == 0 && fDirtyCount > std::min(kWriteBackPages, gCheckpointPages / 2);
+}
 
 // Writes every changed page to its place (each is new since the last
 // checkpoint, so nothing depends on its place yet) and keeps it, clean.
@@ -732,11 +737,15 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog, bool r
     fDirtyCount = 0;
     fFresh.clear();
     ++fStats.fCheckpoints;
+    ++gCompletedCheckpoints;
     return kEngineNoError;
 }
 
 std::int16_t TPager::Close(const std::vector<std::uint8_t>& catalog) {
-    std::int16_t error = kEngineNoError;
+    // A file refused after a failed write or sync closes without its last
+    // changes (the log may still bring them back) and says so: the caller
+    // must not take the close for a durable one.
+    std::int16_t error = fPoison;
     if (!fReadOnly && fPoison == 0) {
         // The log goes once the checkpoint is made, so it need not restart.
         error = Checkpoint(catalog, false);

@@ -205,6 +205,8 @@ public:
     // New pages after which a checkpoint is due (process-wide; for tests that
     // want checkpoints often). 0 restores the usual number.
     static void SetCheckpointPages(std::size_t pages);
+    // Checkpoints completed in this process, by every pager (for tests).
+    static std::uint64_t CompletedCheckpoints();
 
 private:
     TPager(const std::string& path, bool readOnly);

@@ -10,13 +10,12 @@
 // acknowledged may be missing.
 //
 // Where the durable points are: at every successful close, and after every
-// operation during which the file system counted a sync while no fault was
-// armed. Only checkpoints sync; an operation's checkpoint comes after the
-// operation is logged, and with no fault armed a checkpoint that starts also
-// finishes, so such a sync means that everything up to that operation has
-// reached the disk. While a fault is armed no durable point is counted (a
-// checkpoint may have synced its log and then failed), which can only make
-// the check weaker, never wrong. A successful read-write open after a fault
+// operation during which a checkpoint was completed while no fault was armed
+// (the pager counts them). An operation's checkpoint comes after the
+// operation is logged, so everything up to that operation has then reached
+// the disk. Other syncs (pages written back between checkpoints) make
+// nothing durable. While a fault is armed no durable point is counted, which
+// can only make the check weaker, never wrong. A successful read-write open after a fault
 // redoes the log and checkpoints at once, so the state it shows is durable.
 #include <gtest/gtest.h>
 
@@ -114,7 +113,7 @@ protected:
             }
             const TOperation op = fModel.RandomOperation(random);
             const std::int16_t expected = fModel.Expected(op);
-            const std::uint64_t syncs = fFileSystem.Counters().fSyncs;
+            const std::uint64_t checkpoints = engine::TPager::CompletedCheckpoints();
             const std::int16_t answer = PerformOperation(fDb, op);
             if (answer != expected) {
                 EXPECT_TRUE(armed) << op.Encode() << " answered " << answer << ", expected " << expected;
@@ -125,7 +124,7 @@ protected:
             if (answer != kEngineNoError) continue;
             fModel.Apply(op);
             fSince.push_back(op);
-            if (!armed && fFileSystem.Counters().fSyncs != syncs) {
+            if (!armed && engine::TPager::CompletedCheckpoints() != checkpoints) {
                 fDurable = fModel;
                 fSince.clear();
             }
@@ -270,6 +269,42 @@ TEST_F(PowerLossCampaignTest, ALossOfPowerAtAnyOfACheckpointsSyncsLeavesASoundFi
         Disarm();
         Recover(0, "seed " + std::to_string(seed), random);
     }
+}
+
+// A checkpoint or write-back that fails after its operation was logged is
+// felt by the next call, the close included: a close that made nothing
+// durable must not say it did.
+TEST_F(PowerLossCampaignTest, ACloseAfterAFailedBackgroundSyncReportsIt) {
+    engine::TPager::SetCheckpointPages(4);
+    const auto add = [](TTestDatabase& db, std::int32_t id) {
+        TOperation op;
+        op.fID = id;
+        op.fName = "filler " + std::to_string(id);
+        op.fSize = 3000;  // an overflow page each
+        return PerformOperation(db, op);
+    };
+    // The first call refused shows which operation's checkpoint failed...
+    fFileSystem.FailSyncAfter(0);
+    std::int32_t refused = 1;
+    while (refused < 200 && add(fDb, refused) == kEngineNoError) ++refused;
+    ASSERT_GT(refused, 1);
+    ASSERT_LT(refused, 200);
+    Disarm();
+    EXPECT_EQ(fDb.Close(), kWriteFailed);
+
+    // ...so the same operations on a second file end with that failure and
+    // no call refused yet: the close is the first to hear of it.
+    TTestDatabase second("second.kdb");
+    ASSERT_EQ(second.Create(), kEngineNoError);
+    fFileSystem.FailSyncAfter(0);
+    for (std::int32_t id = 1; id < refused; ++id) ASSERT_EQ(add(second, id), kEngineNoError) << id;
+    Disarm();
+    EXPECT_EQ(second.Close(), kWriteFailed);
+    // Every acknowledged operation is still in the log.
+    TIntegrityReport report;
+    ASSERT_EQ(CheckHostFile(second.Path().c_str(), &report), kEngineNoError);
+    EXPECT_TRUE(report.fProblems.empty());
+    EXPECT_EQ(report.fRecords, static_cast<std::uint32_t>(refused - 1));
 }
 
 // One page allocated and freed again before a clean close: the free list
