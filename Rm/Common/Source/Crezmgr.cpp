@@ -78,6 +78,13 @@ bool CheckFileName(const char* fileName, const char* text) {
 // Routing of the record operations
 
 struct CRezManager::TRouting {
+    // The reference number's check; kCurrentFile resolved once it passes.
+    static std::int16_t Check(CRezManager& manager, std::int16_t* refNum) {
+        const std::int16_t error = manager.VerifyRefNum(*refNum);
+        if (error == kNoError) *refNum = Resolve(manager, *refNum);
+        return error;
+    }
+
     // kCurrentFile stands for the current database (which may be kAllFiles).
     static std::int16_t Resolve(const CRezManager& manager, std::int16_t refNum) {
         return refNum == kCurrentFile ? manager.fCurrentRefNum : refNum;
@@ -324,9 +331,8 @@ std::int16_t CRezManager::Open(const char* fileName, std::int16_t permission, st
 // The result is that of the last step, retiring the number, so a failing
 // database close is not reported.
 std::int16_t CRezManager::Close(std::int16_t refNum) {
-    std::int16_t error = VerifyRefNum(refNum);
+    std::int16_t error = TRouting::Check(*this, &refNum);
     if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
     CDatabase* database = nullptr;
     error = GetDBFromRefNum(refNum, &database);
     if (error != kNoError) return SetLastError(error);
@@ -422,11 +428,9 @@ std::int16_t CRezManager::FreeMemory(std::uint32_t byteCount) {
 std::int16_t CRezManager::AddNewRecord(std::int16_t refNum, const char* type, const char* name,
                                        std::int32_t id, MSHandle data) {
     if (!CheckRecordType(type) || !CheckRecordName(name)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    return SetLastError(TRouting::One(*this, TRouting::Resolve(*this, refNum), [&](CDatabase* database) {
-        return database->AddRecord(type, name, id, data);
-    }));
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
+    return SetLastError(TRouting::One(
+        *this, refNum, [&](CDatabase* database) { return database->AddRecord(type, name, id, data); }));
 }
 
 std::int16_t CRezManager::ReadRecordByNumber(std::int16_t refNum, std::int32_t id, const char* type,
@@ -434,11 +438,9 @@ std::int16_t CRezManager::ReadRecordByNumber(std::int16_t refNum, std::int32_t i
     if (!KAVO_CHECK(data != NULL)) return SetLastError(kGeneralError);
     *data = nullptr;
     if (!CheckRecordType(type)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     return SetLastError(TRouting::FirstSuccess(
-        *this, TRouting::Resolve(*this, refNum),
-        [&](CDatabase* database) { return database->ReadRecordByNumber(id, type, data); }));
+        *this, refNum, [&](CDatabase* database) { return database->ReadRecordByNumber(id, type, data); }));
 }
 
 std::int16_t CRezManager::ReadRecordByName(std::int16_t refNum, const char* name, const char* type,
@@ -446,19 +448,15 @@ std::int16_t CRezManager::ReadRecordByName(std::int16_t refNum, const char* name
     if (!KAVO_CHECK(data != NULL)) return SetLastError(kGeneralError);
     *data = nullptr;
     if (!CheckRecordType(type) || !CheckRecordName(name)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     return SetLastError(TRouting::FirstSuccess(
-        *this, TRouting::Resolve(*this, refNum),
-        [&](CDatabase* database) { return database->ReadRecordByName(name, type, data); }));
+        *this, refNum, [&](CDatabase* database) { return database->ReadRecordByName(name, type, data); }));
 }
 
 std::int16_t CRezManager::ReadNthRecord(std::int16_t refNum, std::uint32_t index, MSHandle* data) {
     if (!KAVO_CHECK(data != NULL)) return SetLastError(kGeneralError);
     *data = nullptr;
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     KAVO_ASSERT(refNum != kAllFiles);
     return SetLastError(TRouting::One(
         *this, refNum, [&](CDatabase* database) { return database->ReadNthRecord(index, data); }));
@@ -469,9 +467,7 @@ std::int16_t CRezManager::ReadNthRecordOfType(std::int16_t refNum, std::uint32_t
     if (!KAVO_CHECK(data != NULL)) return SetLastError(kGeneralError);
     *data = nullptr;
     if (!CheckRecordType(type)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     KAVO_ASSERT(refNum != kAllFiles);
     return SetLastError(TRouting::One(*this, refNum, [&](CDatabase* database) {
         return database->ReadNthRecordOfType(index, type, data);
@@ -481,29 +477,25 @@ std::int16_t CRezManager::ReadNthRecordOfType(std::int16_t refNum, std::uint32_t
 std::int16_t CRezManager::GetSizeOfNumberedRecord(std::int16_t refNum, std::int32_t id, const char* type,
                                                   std::uint32_t* size) {
     if (!KAVO_CHECK(size != NULL) || !CheckRecordType(type)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    return SetLastError(TRouting::FirstSuccess(
-        *this, TRouting::Resolve(*this, refNum),
-        [&](CDatabase* database) { return database->GetSizeOfNumberedRecord(id, type, size); }));
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
+    return SetLastError(TRouting::FirstSuccess(*this, refNum, [&](CDatabase* database) {
+        return database->GetSizeOfNumberedRecord(id, type, size);
+    }));
 }
 
 std::int16_t CRezManager::GetSizeOfNamedRecord(std::int16_t refNum, const char* name, const char* type,
                                                std::uint32_t* size) {
     if (!KAVO_CHECK(size != NULL) || !CheckRecordType(type) || !CheckRecordName(name))
         return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    return SetLastError(TRouting::FirstSuccess(
-        *this, TRouting::Resolve(*this, refNum),
-        [&](CDatabase* database) { return database->GetSizeOfNamedRecord(name, type, size); }));
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
+    return SetLastError(TRouting::FirstSuccess(*this, refNum, [&](CDatabase* database) {
+        return database->GetSizeOfNamedRecord(name, type, size);
+    }));
 }
 
 std::int16_t CRezManager::GetSizeOfNthRecord(std::int16_t refNum, std::uint32_t index, std::uint32_t* size) {
     if (!KAVO_CHECK(size != NULL)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     KAVO_ASSERT(refNum != kAllFiles);
     return SetLastError(TRouting::One(
         *this, refNum, [&](CDatabase* database) { return database->GetSizeOfNthRecord(index, size); }));
@@ -512,9 +504,7 @@ std::int16_t CRezManager::GetSizeOfNthRecord(std::int16_t refNum, std::uint32_t 
 std::int16_t CRezManager::GetSizeOfNthRecordOfType(std::int16_t refNum, std::uint32_t index, const char* type,
                                                    std::uint32_t* size) {
     if (!KAVO_CHECK(size != NULL) || !CheckRecordType(type)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     KAVO_ASSERT(refNum != kAllFiles);
     return SetLastError(TRouting::One(*this, refNum, [&](CDatabase* database) {
         return database->GetSizeOfNthRecordOfType(index, type, size);
@@ -525,9 +515,7 @@ std::int16_t CRezManager::GetInfoOfNthRecord(std::int16_t refNum, std::uint32_t 
                                              std::int32_t* id) {
     if (!KAVO_CHECK(type != NULL) || !KAVO_CHECK(name != NULL) || !KAVO_CHECK(id != NULL))
         return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     KAVO_ASSERT(refNum != kAllFiles);
     return SetLastError(TRouting::One(*this, refNum, [&](CDatabase* database) {
         return database->GetInfoOfNthRecord(index, type, name, id);
@@ -538,9 +526,7 @@ std::int16_t CRezManager::GetInfoOfNthRecordOfType(std::int16_t refNum, std::uin
                                                    char* name, std::int32_t* id) {
     if (!CheckRecordType(type) || !KAVO_CHECK(name != NULL) || !KAVO_CHECK(id != NULL))
         return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    refNum = TRouting::Resolve(*this, refNum);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     KAVO_ASSERT(refNum != kAllFiles);
     return SetLastError(TRouting::One(*this, refNum, [&](CDatabase* database) {
         return database->GetInfoOfNthRecordOfType(index, type, name, id);
@@ -549,20 +535,18 @@ std::int16_t CRezManager::GetInfoOfNthRecordOfType(std::int16_t refNum, std::uin
 
 std::int16_t CRezManager::CountRecords(std::int16_t refNum, std::uint32_t* count) {
     if (!KAVO_CHECK(count != NULL)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    return SetLastError(
-        TRouting::Sum(*this, TRouting::Resolve(*this, refNum), count,
-                      [](CDatabase* database, std::uint32_t* part) { return database->CountRecords(part); }));
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
+    return SetLastError(TRouting::Sum(*this, refNum, count, [](CDatabase* database, std::uint32_t* part) {
+        return database->CountRecords(part);
+    }));
 }
 
 std::int16_t CRezManager::CountRecordsOfType(std::int16_t refNum, const char* type, std::uint32_t* count) {
     if (!KAVO_CHECK(count != NULL) || !CheckRecordType(type)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    return SetLastError(TRouting::Sum(
-        *this, TRouting::Resolve(*this, refNum), count,
-        [&](CDatabase* database, std::uint32_t* part) { return database->CountRecordsOfType(type, part); }));
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
+    return SetLastError(TRouting::Sum(*this, refNum, count, [&](CDatabase* database, std::uint32_t* part) {
+        return database->CountRecordsOfType(type, part);
+    }));
 }
 
 // The one operation without the reference-number check: a closed
@@ -577,20 +561,16 @@ std::int16_t CRezManager::NextRecordID(std::int16_t refNum, const char* type, st
 
 std::int16_t CRezManager::RemoveNumberedRecord(std::int16_t refNum, std::int32_t id, const char* type) {
     if (!CheckRecordType(type)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
     return SetLastError(TRouting::FirstSuccess(
-        *this, TRouting::Resolve(*this, refNum),
-        [&](CDatabase* database) { return database->RemoveNumberedRecord(id, type); }));
+        *this, refNum, [&](CDatabase* database) { return database->RemoveNumberedRecord(id, type); }));
 }
 
 std::int16_t CRezManager::RemoveNamedRecord(std::int16_t refNum, const char* name, const char* type) {
     if (!CheckRecordType(type) || !CheckRecordName(name)) return SetLastError(kGeneralError);
-    const std::int16_t error = VerifyRefNum(refNum);
-    if (error != kNoError) return SetLastError(error);
-    return SetLastError(
-        TRouting::FirstSuccess(*this, TRouting::Resolve(*this, refNum),
-                               [&](CDatabase* database) { return database->RemoveNamedRecord(name, type); }));
+    if (const std::int16_t error = TRouting::Check(*this, &refNum)) return SetLastError(error);
+    return SetLastError(TRouting::FirstSuccess(
+        *this, refNum, [&](CDatabase* database) { return database->RemoveNamedRecord(name, type); }));
 }
 
 // ---------------------------------------------------------------------------
