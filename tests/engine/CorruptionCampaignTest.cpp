@@ -21,6 +21,8 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstdio>
+#include <map>
 #include <memory>
 #include <random>
 #include <set>
@@ -37,14 +39,12 @@
 namespace {
 
 using kavotest::Bytes;
-using kavotest::CampaignCount;
 using kavotest::FindPrefix;
 using kavotest::PerformOperation;
 using kavotest::ReadContent;
 using kavotest::TContent;
 using kavotest::TOperation;
 using kavotest::TRecordModel;
-using kavotest::TRecordName;
 using kavotest::TTestDatabase;
 
 constexpr const char* kHostName = "damaged.kdb";
@@ -59,17 +59,27 @@ struct TImage {
     TRecordModel fBase;
     std::vector<TOperation> fLogged;  // the operations in the log, after fBase
     // Every version of every record that some state holds.
-    std::map<TRecordName, std::set<Bytes>> fVersions;
+    std::map<kavotest::TRecordName, std::set<Bytes>> fVersions;
+
+    const std::string* Log() const { return fLog.empty() ? nullptr : &fLog; }
 
     void CollectVersions() {
         for (const auto& [name, record] : fBase.Records()) fVersions[name].insert(*record.fBytes);
         for (const TOperation& op : fLogged) {
             if (op.fKind == TOperation::kDelete) continue;
-            const TRecordName name{op.fType, op.fKind == TOperation::kAdd ? op.fID : op.fNewID};
-            fVersions[name].insert(op.Record());
+            fVersions[{op.fType, op.fKind == TOperation::kAdd ? op.fID : op.fNewID}].insert(op.Record());
         }
     }
 };
+
+// Performs an operation the model says succeeds, and notes it.
+void Perform(const TTestDatabase& db, const TOperation& op, TRecordModel* model,
+             std::vector<TOperation>* logged = nullptr) {
+    if (model->Expected(op) != kEngineNoError) return;
+    PerformOperation(db, op);
+    model->Apply(op);
+    if (logged != nullptr) logged->push_back(op);
+}
 
 // Makes the three images once; each test copies the one it damages.
 class TImages {
@@ -104,9 +114,7 @@ private:
             op.fSize = die < 2    ? 80000 + random() % 40000
                        : die < 24 ? 1000 + random() % 8000
                                   : random() % 300;
-            if (model.Expected(op) != kEngineNoError) continue;
-            PerformOperation(db, op);
-            model.Apply(op);
+            Perform(db, op, &model);
         }
         db.Close();
         fs.ReadWholeFile(kHostName, &fClosed.fHost);
@@ -117,7 +125,8 @@ private:
         engine::TPager::SetCacheCapacity(4096);
         db.Open();
         fLiveLog.fBase = model;
-        RunLoggedOperations(db, &model, &fLiveLog.fLogged, random);
+        for (int i = 0; i < 120; ++i)
+            Perform(db, model.RandomOperation(random, 3000), &model, &fLiveLog.fLogged);
         fs.Crash();
         fs.ReadWholeFile(kHostName, &fLiveLog.fHost);
         fs.ReadWholeFile(kLogName, &fLiveLog.fLog);
@@ -139,7 +148,9 @@ private:
             std::mt19937 sameRandom = random;
             TRecordModel sameModel = model;
             fCutCheckpoint.fLogged.clear();
-            RunLoggedOperations(db, &sameModel, &fCutCheckpoint.fLogged, sameRandom);
+            for (int i = 0; i < 120; ++i) {
+                Perform(db, sameModel.RandomOperation(sameRandom, 3000), &sameModel, &fCutCheckpoint.fLogged);
+            }
             cutFs.ResetCounters();
             if (run == 1) cutFs.FailSyncAfter(closingSyncs - 1);
             db.Close();
@@ -155,25 +166,14 @@ private:
         engine::TPager::SetCacheCapacity(previousCapacity);
         for (TImage* image : {&fClosed, &fLiveLog, &fCutCheckpoint}) image->CollectVersions();
     }
-
-    static void RunLoggedOperations(const TTestDatabase& db, TRecordModel* model,
-                                    std::vector<TOperation>* logged, std::mt19937& random) {
-        for (int i = 0; i < 120; ++i) {
-            const TOperation op = model->RandomOperation(random, 3000);
-            if (model->Expected(op) != kEngineNoError) continue;
-            PerformOperation(db, op);
-            model->Apply(op);
-            logged->push_back(op);
-        }
-    }
 };
 
 // --- Damage.
 
-void FlipBits(std::string* bytes, std::mt19937& random, std::size_t from, std::size_t to) {
+void FlipBits(std::string* bytes, std::mt19937& random, std::size_t from, std::size_t to,
+              unsigned most = 16) {
     if (to <= from) return;
-    const int flips = 1 + static_cast<int>(random() % 16);
-    for (int i = 0; i < flips; ++i) {
+    for (int flips = 1 + static_cast<int>(random() % most); flips > 0; --flips) {
         const std::size_t at = from + random() % (to - from);
         (*bytes)[at] = static_cast<char>((*bytes)[at] ^ (1u << (random() % 8)));
     }
@@ -198,13 +198,11 @@ std::string Damage(std::string* bytes, TDamage damage, std::mt19937& random) {
     std::size_t at = 0;
     std::size_t length = 0;
     switch (damage) {
-        case TDamage::kBitFlips: {
+        case TDamage::kBitFlips:
             // One time in four the flips stay in the first page, where the
             // header, the catalog or the log's first frames are.
-            const std::size_t end = random() % 4 == 0 ? std::min(bytes->size(), kPage) : bytes->size();
-            FlipBits(bytes, random, 0, end);
+            FlipBits(bytes, random, 0, random() % 4 == 0 ? std::min(bytes->size(), kPage) : bytes->size());
             return "bit flips";
-        }
         case TDamage::kPageStartFlips: {
             // A few flips in the first bytes of one page, where its header
             // and first entries (keys, children, counts) are.
@@ -230,6 +228,12 @@ std::string Damage(std::string* bytes, TDamage damage, std::mt19937& random) {
     return "";
 }
 
+std::string RandomBytes(std::size_t size, std::mt19937& random) {
+    std::string bytes(size, '\0');
+    for (char& c : bytes) c = static_cast<char>(random());
+    return bytes;
+}
+
 bool IsEngineError(std::int16_t error) {
     static const std::set<std::int16_t> kKnown = {
         kKeyExists,       kKeyNotDeleted,     kFileNotOpened, kFileNotCreated,    kPageDamaged,
@@ -249,6 +253,9 @@ protected:
         EngineStop();
         engine::InstallFileSystem(nullptr);
         engine::TPager::SetCacheCapacity(fPreviousCapacity);
+        if (fRefusedByCheck + fReportedByCheck + fCleanChecks == 0) return;
+        std::printf("refused by the check %d, reported by it %d, not seen by it %d; refused by open %d\n",
+                    fRefusedByCheck, fReportedByCheck, fCleanChecks, fRefusedByOpen);
     }
 
     // A fresh, empty file system and a freshly started engine.
@@ -280,8 +287,7 @@ protected:
         const bool clean = !reported && !resealed;
 
         TTestDatabase db(kHostName);
-        const bool readOnly = random() % 4 == 0;
-        const std::int16_t opened = db.Open(readOnly);
+        const std::int16_t opened = db.Open(random() % 4 == 0);
         ASSERT_TRUE(opened == kEngineNoError || opened == kFileNotOpened)
             << what << ": open answered " << opened;
         if (opened != kEngineNoError) {
@@ -297,8 +303,8 @@ protected:
             // honestly be in.
             ASSERT_TRUE(content.fProblem.empty())
                 << what << ": the check found nothing, yet " << content.fProblem;
-            const int k = FindPrefix(image.fBase, image.fLogged, content);
-            ASSERT_GE(k, 0) << what << ": the check found nothing, yet the records are no state of the file";
+            ASSERT_GE(FindPrefix(image.fBase, image.fLogged, content), 0)
+                << what << ": the check found nothing, yet the records are no state of the file";
         }
         ExerciseReads(db, image, clean, what);
         const std::int16_t closed = db.Close();
@@ -322,27 +328,18 @@ protected:
                         byName ? kavotest::NameKey(name.fType.c_str(), kavotest::StoredName(record))
                                : kavotest::NumberKey(name.fType.c_str(), name.fID);
                     std::uint8_t fixed[kavotest::kFixedLength];
-                    const std::int16_t error =
+                    const std::int16_t found =
                         GetRecordByKey(byName ? db.NameIndex() : db.NumberIndex(), key.data(), fixed);
-                    if (error != kEngineNoError) {
-                        ASSERT_TRUE(IsEngineError(error)) << what << ": a read answered " << error;
-                        if (error != kEngineKeyNotFound) ++wrong;
-                        continue;
-                    }
-                    const std::uint32_t length = VarRecordLength(db.Data());
-                    if (length == 0 || length > (1u << 21)) {
-                        ++wrong;
-                        continue;
-                    }
-                    Bytes bytes(length);
-                    const std::int16_t read = ReadVarRecord(db.Data(), bytes.data(), length);
-                    if (read != kEngineNoError) {
-                        ASSERT_TRUE(IsEngineError(read)) << what << ": a read answered " << read;
-                        ++wrong;
-                        continue;
-                    }
+                    const std::uint32_t length = found == kEngineNoError ? VarRecordLength(db.Data()) : 0;
+                    Bytes bytes(length <= (1u << 21) ? length : 0);
+                    const std::int16_t error =
+                        bytes.empty() ? found : ReadVarRecord(db.Data(), bytes.data(), length);
+                    ASSERT_TRUE(error == kEngineNoError || IsEngineError(error))
+                        << what << ": a read answered " << error;
                     // By name, another record of the same name may answer.
-                    if (!byName && possible.count(bytes) == 0) ++wrong;
+                    if (found != kEngineKeyNotFound &&
+                        (error != kEngineNoError || bytes.empty() || (!byName && possible.count(bytes) == 0)))
+                        ++wrong;
                 }
                 if (!clean) break;  // one version is enough to exercise a damaged file
             }
@@ -351,8 +348,7 @@ protected:
             EXPECT_EQ(wrong, 0u) << what
                                  << ": the check found nothing, yet reads failed or answered wrong records";
         }
-        static const char* const kTypes[] = {"MDUM", "path", "SEEN", "DVC ", "alis", "zzzz"};
-        for (const char* type : kTypes) {
+        for (const char* type : {"MDUM", "path", "SEEN", "DVC ", "alis", "zzzz"}) {
             const Bytes low = kavotest::NumberKey(type, INT32_MIN);
             const Bytes high = kavotest::NumberKey(type, INT32_MAX);
             CountKeyRange(db.NumberIndex(), low.data(), high.data());
@@ -378,18 +374,25 @@ protected:
                 kavotest::ResealPages(&host);
                 kavotest::ResealLog(&log);
             }
-            Plant(host, image.fLog.empty() ? nullptr : &log);
+            Plant(host, image.Log() == nullptr ? nullptr : &log);
             Examine(image, what, reseal, random);
         }
     }
 
-    void ExpectNeverOpens(const std::string& host, const std::string& what) {
-        Plant(host, nullptr);
+    // Plants the image (or another host file beside its log) and expects it
+    // to pass the check and open with all of its logged operations redone.
+    void ExpectSound(const TImage& image, const std::string& host, const std::string* log) {
+        Plant(host, log);
         TIntegrityReport report;
-        EXPECT_EQ(CheckHostFile(kHostName, &report), kFileNotOpened) << what;
+        ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
+        ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
         TTestDatabase db(kHostName);
-        EXPECT_EQ(db.Open(), kFileNotOpened) << what;
-        EXPECT_EQ(db.Open(true), kFileNotOpened) << what;
+        ASSERT_EQ(db.Open(), kEngineNoError);
+        const TContent content = ReadContent(db);
+        EXPECT_EQ(FindPrefix(image.fBase, image.fLogged, content, image.fLogged.size()),
+                  static_cast<int>(image.fLogged.size()))
+            << content.fProblem;
+        ASSERT_EQ(db.Close(), kEngineNoError);
     }
 
     kavotest::TWorkingDirectory fWorkingDirectory{"corruption"};  // for the status log
@@ -401,22 +404,12 @@ protected:
     int fRefusedByOpen = 0;
 };
 
+// Every logged operation was acknowledged: all of them are there.
 TEST_F(CorruptionCampaignTest, TheUndamagedImagesOpenWithTheirRecords) {
     const TImages& images = TImages::Get();
     for (const TImage* image : {&images.fClosed, &images.fLiveLog, &images.fCutCheckpoint}) {
-        Plant(image->fHost, image->fLog.empty() ? nullptr : &image->fLog);
-        TIntegrityReport report;
-        ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
-        ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
-        TTestDatabase db(kHostName);
-        ASSERT_EQ(db.Open(), kEngineNoError);
-        const TContent content = ReadContent(db);
-        // Every logged operation was acknowledged: all of them are there.
-        EXPECT_EQ(FindPrefix(image->fBase, image->fLogged, content, image->fLogged.size()),
-                  static_cast<int>(image->fLogged.size()))
-            << content.fProblem;
+        ExpectSound(*image, image->fHost, image->Log());
         EXPECT_GE(image->fBase.Size(), 2000u);
-        ASSERT_EQ(db.Close(), kEngineNoError);
     }
     EXPECT_TRUE(images.fClosed.fLog.empty());
     EXPECT_FALSE(images.fLiveLog.fLog.empty());
@@ -425,31 +418,23 @@ TEST_F(CorruptionCampaignTest, TheUndamagedImagesOpenWithTheirRecords) {
 }
 
 TEST_F(CorruptionCampaignTest, ADamagedClosedFileFailsToOpenOrIsReportedByTheCheck) {
-    RunRounds(TImages::Get().fClosed, CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 1000);
-    std::printf("refused by the check %d, reported by it %d, clean %d; refused by open %d\n", fRefusedByCheck,
-                fReportedByCheck, fCleanChecks, fRefusedByOpen);
+    RunRounds(TImages::Get().fClosed, kavotest::CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 1000);
 }
 
 TEST_F(CorruptionCampaignTest, ADamagedFileWithALiveLogFailsToOpenOrIsReportedByTheCheck) {
-    RunRounds(TImages::Get().fLiveLog, CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 2000);
-    std::printf("refused by the check %d, reported by it %d, clean %d; refused by open %d\n", fRefusedByCheck,
-                fReportedByCheck, fCleanChecks, fRefusedByOpen);
+    RunRounds(TImages::Get().fLiveLog, kavotest::CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 2000);
 }
 
 TEST_F(CorruptionCampaignTest, ADamagedFileWithACheckpointCutShortFailsToOpenOrIsReportedByTheCheck) {
-    RunRounds(TImages::Get().fCutCheckpoint, CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 3000);
-    std::printf("refused by the check %d, reported by it %d, clean %d; refused by open %d\n", fRefusedByCheck,
-                fReportedByCheck, fCleanChecks, fRefusedByOpen);
+    RunRounds(TImages::Get().fCutCheckpoint, kavotest::CampaignCount("KAVO_CORRUPTION_ROUNDS", 150), 3000);
 }
 
 TEST_F(CorruptionCampaignTest, DamageBehindValidChecksumsIsAnsweredWithCodes) {
     const TImages& images = TImages::Get();
-    const int rounds = CampaignCount("KAVO_CORRUPTION_ROUNDS", 150) / 2;
+    const int rounds = kavotest::CampaignCount("KAVO_CORRUPTION_ROUNDS", 150) / 2;
     RunRounds(images.fClosed, rounds, 4000, true);
     RunRounds(images.fLiveLog, rounds / 2, 5000, true);
     RunRounds(images.fCutCheckpoint, rounds / 2, 6000, true);
-    std::printf("refused by the check %d, reported by it %d, not seen %d; refused by open %d\n",
-                fRefusedByCheck, fReportedByCheck, fCleanChecks, fRefusedByOpen);
 }
 
 // The interior pages hold the counts that ranks and range counts add up: a
@@ -465,11 +450,7 @@ TEST_F(CorruptionCampaignTest, InteriorPagesDamagedBehindValidChecksumsAreAnswer
         ++interiorPages;
         for (int trial = 0; trial < 20 && !HasFailure(); ++trial) {
             std::string host = image.fHost;
-            const std::size_t entries = page + engine::kPageHeaderSize;
-            for (int flips = 1 + static_cast<int>(random() % 3); flips > 0; --flips) {
-                const std::size_t at = entries + random() % 512;
-                host[at] = static_cast<char>(host[at] ^ (1u << (random() % 8)));
-            }
+            FlipBits(&host, random, page + engine::kPageHeaderSize, page + engine::kPageHeaderSize + 512, 3);
             kavotest::ResealPages(&host);
             Plant(host, nullptr);
             Examine(image, "interior page at " + std::to_string(page) + ", trial " + std::to_string(trial),
@@ -519,26 +500,30 @@ TEST_F(CorruptionCampaignTest, APointerToAPageOfAnotherTreeIsAnsweredAsDamage) {
     ASSERT_FALSE(report.fProblems.empty()) << "the damage did not take";
 
     ASSERT_EQ(db.Open(true), kEngineNoError);
-    const Bytes key = kavotest::NumberKey("MDUM", 1);
     std::uint8_t fixed[kavotest::kFixedLength];
-    ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
+    ASSERT_EQ(GetRecordByKey(db.NumberIndex(), kavotest::NumberKey("MDUM", 1).data(), fixed), kEngineNoError);
     EXPECT_EQ(ReadFixedAt(db.Data(), 300, fixed), kPageDamaged);
 }
 
 TEST_F(CorruptionCampaignTest, AForeignFileNeverOpens) {
     std::mt19937 random(77);
-    std::string noise(3 * kPage + 123, '\0');
-    for (char& c : noise) c = static_cast<char>(random());
-    ExpectNeverOpens(noise, "random bytes");
-    std::string pages(4 * kPage, '\0');
-    for (char& c : pages) c = static_cast<char>(random());
-    ExpectNeverOpens(pages, "random whole pages");
     std::string text;
     while (text.size() < 2 * kPage) text += "This is a plain text file, not a database.\n";
-    ExpectNeverOpens(text, "a text file");
-    ExpectNeverOpens("", "an empty file");
-    ExpectNeverOpens(std::string(8 * kPage, '\0'), "zeros");
-    ExpectNeverOpens(TImages::Get().fClosed.fHost.substr(0, kPage - 1), "less than a page of a database");
+    const std::pair<std::string, const char*> files[] = {
+        {RandomBytes(3 * kPage + 123, random), "random bytes"},
+        {RandomBytes(4 * kPage, random), "random whole pages"},
+        {text, "a text file"},
+        {"", "an empty file"},
+        {std::string(8 * kPage, '\0'), "zeros"},
+        {TImages::Get().fClosed.fHost.substr(0, kPage - 1), "less than a page of a database"}};
+    for (const auto& [host, what] : files) {
+        Plant(host, nullptr);
+        TIntegrityReport report;
+        EXPECT_EQ(CheckHostFile(kHostName, &report), kFileNotOpened) << what;
+        TTestDatabase db(kHostName);
+        EXPECT_EQ(db.Open(), kFileNotOpened) << what;
+        EXPECT_EQ(db.Open(true), kFileNotOpened) << what;
+    }
 }
 
 // A sound file whose members have the same names but another layout: the
@@ -551,6 +536,7 @@ TEST_F(CorruptionCampaignTest, AFileOfAnotherLayoutDoesNotOpenWithThisDefinition
         bool fOpens;
     };
     for (const TLayout layout : {TLayout{300, 36, false}, TLayout{40, 40, false}, TLayout{40, 36, true}}) {
+        SCOPED_TRACE(std::to_string(layout.fFixedLength) + " " + std::to_string(layout.fNameKeyLength));
         Restart();
         const KeySegment segments[4] = {
             {0, 4, kSegmentBytes}, {4, 4, kSegmentSignedInt}, {0, 4, kSegmentBytes}, {8, 32, kSegmentString}};
@@ -563,42 +549,26 @@ TEST_F(CorruptionCampaignTest, AFileOfAnotherLayoutDoesNotOpenWithThisDefinition
         ASSERT_EQ(CreateHostFile(0, kHostName, 0, 0, kHostCreateMode), kEngineNoError);
         ASSERT_EQ(CreateFilesFromDefinition(&other), kEngineNoError);
         const Bytes record(layout.fFixedLength, 0x41);
-        ASSERT_EQ(AddVarRecord(other.fChosenDataFileNumber, record.data(),
-                               static_cast<std::uint32_t>(record.size())),
+        ASSERT_EQ(AddVarRecord(other.fChosenDataFileNumber, record.data(), layout.fFixedLength),
                   kEngineNoError);
         ASSERT_EQ(CloseHostFile(0, 0), kEngineNoError);
 
         TTestDatabase db(kHostName);
-        const std::int16_t expected = layout.fOpens ? kEngineNoError : kFileNotOpened;
-        EXPECT_EQ(db.Open(true), expected) << layout.fFixedLength << " " << layout.fNameKeyLength;
-        if (layout.fOpens) db.Close();
-        EXPECT_EQ(db.Open(), expected) << layout.fFixedLength << " " << layout.fNameKeyLength;
-        if (layout.fOpens) db.Close();
+        for (bool readOnly : {true, false}) {
+            EXPECT_EQ(db.Open(readOnly), layout.fOpens ? kEngineNoError : kFileNotOpened);
+            if (layout.fOpens) db.Close();
+        }
     }
 }
 
+// A log that is not this file's is ignored; the live log of the later state
+// belongs to this file too (it continues its checkpoint), so it is redone.
 TEST_F(CorruptionCampaignTest, AForeignLogBesideASoundFileIsIgnored) {
-    const TImage& image = TImages::Get().fClosed;
+    const TImages& images = TImages::Get();
     std::mt19937 random(78);
-    std::string noise(2 * kPage, '\0');
-    for (char& c : noise) c = static_cast<char>(random());
-    for (const std::string& log :
-         {noise, std::string(), std::string(100, '\0'), TImages::Get().fLiveLog.fLog}) {
-        Plant(image.fHost, &log);
-        TIntegrityReport report;
-        ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
-        ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
-        TTestDatabase db(kHostName);
-        ASSERT_EQ(db.Open(), kEngineNoError);
-        // The live log of the later state belongs to this file too (it
-        // continues its checkpoint): it is redone.
-        const TContent content = ReadContent(db);
-        const bool ours = log == TImages::Get().fLiveLog.fLog;
-        EXPECT_EQ(FindPrefix(image.fBase, ours ? TImages::Get().fLiveLog.fLogged : std::vector<TOperation>(),
-                             content),
-                  ours ? static_cast<int>(TImages::Get().fLiveLog.fLogged.size()) : 0);
-        ASSERT_EQ(db.Close(), kEngineNoError);
-    }
+    for (const std::string& log : {RandomBytes(2 * kPage, random), std::string(), std::string(100, '\0')})
+        ExpectSound(images.fClosed, images.fClosed.fHost, &log);
+    ExpectSound(images.fLiveLog, images.fClosed.fHost, &images.fLiveLog.fLog);
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 // The engine's calls against a reference model (an ordered map of records)
 // under random sequences of thousands of operations, with closes, reopens and
 // whole-file checks between them; a small cache makes pages leave memory and
-// checkpoints happen mid-sequence.
+// checkpoints happen mid-sequence. Then trees many levels deep, and records
+// of every size.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
+#include <iterator>
 #include <map>
 #include <random>
 #include <tuple>
@@ -16,11 +18,44 @@
 
 namespace {
 
+using kavotest::kFixedLength;
 using kavotest::MakeRecord;
 using kavotest::NameKey;
 using kavotest::NumberKey;
 using kavotest::TTestDatabase;
 using Bytes = std::vector<std::uint8_t>;
+
+std::int16_t Add(const TTestDatabase& db, const Bytes& record) {
+    return AddVarRecord(db.Data(), record.data(), static_cast<std::uint32_t>(record.size()));
+}
+
+// Makes the record of this number current.
+std::int16_t Seek(const TTestDatabase& db, const char* type, std::int32_t id) {
+    const Bytes key = NumberKey(type, id);
+    std::uint8_t fixed[kFixedLength];
+    return GetRecordByKey(db.NumberIndex(), key.data(), fixed);
+}
+
+// The current record, whole.
+Bytes CurrentRecord(const TTestDatabase& db) {
+    const std::uint32_t length = VarRecordLength(db.Data());
+    Bytes bytes(length);
+    EXPECT_EQ(ReadVarRecord(db.Data(), bytes.data(), length), kEngineNoError);
+    return bytes;
+}
+
+// A key as the index stores it.
+Bytes Stored(std::int16_t index, Bytes key) {
+    EXPECT_EQ(TransformKey(index, key.data()), kEngineNoError);
+    return key;
+}
+
+// Closes the file and checks it whole.
+void CloseAndCheck(TTestDatabase& db, TIntegrityReport* report) {
+    ASSERT_EQ(db.Close(), kEngineNoError);
+    ASSERT_EQ(CheckHostFile(db.Path().c_str(), report), kEngineNoError);
+    ASSERT_TRUE(report->fProblems.empty()) << report->fProblems.front();
+}
 
 struct TModelRecord {
     std::string fType;
@@ -50,57 +85,34 @@ protected:
         engine::TPager::SetCheckpointPages(0);
     }
 
-    // Model orders: by type then signed ID, by type then padded name.
-    std::vector<std::uint32_t> NumberOrder() const {
+    // The model's positions in the order of an index: by type then signed
+    // ID, or by type then padded name.
+    std::vector<std::uint32_t> Order(bool byName) const {
         std::vector<std::uint32_t> order;
         for (const auto& [position, r] : fModel) order.push_back(position);
-        std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-            const TModelRecord& x = fModel.at(a);
-            const TModelRecord& y = fModel.at(b);
-            return std::tie(x.fType, x.fID) < std::tie(y.fType, y.fID);
-        });
+        const auto key = [&](std::uint32_t position) {
+            const TModelRecord& r = fModel.at(position);
+            return std::make_tuple(r.fType, byName ? 0 : r.fID, byName ? PaddedName(r.fName) : "");
+        };
+        std::sort(order.begin(), order.end(),
+                  [&](std::uint32_t a, std::uint32_t b) { return key(a) < key(b); });
         return order;
     }
-    std::vector<std::uint32_t> NameOrder() const {
-        std::vector<std::uint32_t> order;
-        for (const auto& [position, r] : fModel) order.push_back(position);
-        std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-            const TModelRecord& x = fModel.at(a);
-            const TModelRecord& y = fModel.at(b);
-            return std::make_tuple(x.fType, PaddedName(x.fName)) < std::make_tuple(y.fType, PaddedName(y.fName));
-        });
-        return order;
-    }
-    const TModelRecord* FindNumber(const std::string& type, std::int32_t id, std::uint32_t* position) const {
-        for (const auto& [p, r] : fModel) {
-            if (r.fType == type && r.fID == id) {
-                *position = p;
-                return &r;
-            }
+
+    // The position of the record of this type and ID (or name), or 0.
+    std::uint32_t Find(bool byName, const std::string& type, std::int32_t id, const std::string& name) const {
+        for (const auto& [position, r] : fModel) {
+            if (r.fType == type && (byName ? r.fName == name : r.fID == id)) return position;
         }
-        return nullptr;
-    }
-    const TModelRecord* FindName(const std::string& type, const std::string& name, std::uint32_t* position) const {
-        for (const auto& [p, r] : fModel) {
-            if (r.fType == type && r.fName == name) {
-                *position = p;
-                return &r;
-            }
-        }
-        return nullptr;
+        return 0;
     }
 
-    // Reads the current record whole.
-    Bytes CurrentRecord(const TTestDatabase& db) {
-        const std::uint32_t length = VarRecordLength(db.Data());
-        Bytes bytes(length);
-        EXPECT_EQ(ReadVarRecord(db.Data(), bytes.data(), length), kEngineNoError);
-        return bytes;
-    }
-
-    Bytes Stored(std::int16_t index, Bytes key) {
-        EXPECT_EQ(TransformKey(index, key.data()), kEngineNoError);
-        return key;
+    // Another record than the one at `self` has this ID or this name.
+    bool Clashes(const std::string& type, std::int32_t id, const std::string& name,
+                 std::uint32_t self) const {
+        const std::uint32_t byNumber = Find(false, type, id, name);
+        const std::uint32_t byName = Find(true, type, id, name);
+        return (byNumber != 0 && byNumber != self) || (byName != 0 && byName != self);
     }
 
     std::map<std::uint32_t, TModelRecord> fModel;
@@ -127,32 +139,36 @@ TEST_P(EngineModelTest, RandomOperationsMatchTheModelAcrossReopens) {
         for (auto& b : data) b = static_cast<std::uint8_t>(random());
         return data;
     };
+    // Makes a random record of the model current.
+    const auto someRecord = [&]() {
+        auto it = std::next(fModel.begin(), static_cast<long>(random() % fModel.size()));
+        std::uint8_t fixed[kFixedLength];
+        EXPECT_EQ(ReadFixedAt(db.Data(), it->first, fixed), kEngineNoError);
+        return it;
+    };
+    // A change the engine must refuse on a file open read-only.
     bool readOnly = false;
+    const auto refused = [&](std::int16_t error) {
+        EXPECT_TRUE(!readOnly || error == kNoWritePermission) << error;
+        return readOnly;
+    };
+    TIntegrityReport report;
 
-    for (int step = 0; step < 6000; ++step) {
+    for (int step = 0; step < 6000 && !HasFailure(); ++step) {
         const int op = static_cast<int>(random() % 100);
         if (op < 2) {  // close, check, reopen (now and then read-only)
-            ASSERT_EQ(db.Close(), kEngineNoError);
-            TIntegrityReport report;
-            ASSERT_EQ(CheckHostFile(db.Path().c_str(), &report), kEngineNoError);
-            ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+            CloseAndCheck(db, &report);
             ASSERT_EQ(report.fRecords, fModel.size());
             readOnly = random() % 4 == 0;
             ASSERT_EQ(db.Open(readOnly), kEngineNoError);
-            continue;
-        }
-        if (op < 30) {  // add
+        } else if (op < 30) {  // add
             const std::string type = someType();
             const std::int32_t id = someID();
             const std::string name = someName();
             const Bytes record = MakeRecord(type.c_str(), id, name, someData());
-            std::uint32_t existing = 0;
-            const bool duplicate = FindNumber(type, id, &existing) || FindName(type, name, &existing);
-            const std::int16_t error = AddVarRecord(db.Data(), record.data(), static_cast<std::uint32_t>(record.size()));
-            if (readOnly) {
-                ASSERT_EQ(error, kNoWritePermission);
-                continue;
-            }
+            const bool duplicate = Clashes(type, id, name, 0);
+            const std::int16_t error = Add(db, record);
+            if (refused(error)) continue;
             ASSERT_EQ(error, duplicate ? kKeyExists : kEngineNoError) << type << " " << id << " " << name;
             if (duplicate) continue;
             const Bytes key = NumberKey(type.c_str(), id);
@@ -160,67 +176,43 @@ TEST_P(EngineModelTest, RandomOperationsMatchTheModelAcrossReopens) {
             ASSERT_NE(position, 0u);
             ASSERT_EQ(fModel.count(position), 0u) << "a position was used twice";
             fModel[position] = TModelRecord{type, id, name, record};
-            continue;
-        }
-        if (op < 45) {  // read by number or by name
+        } else if (op < 45) {  // read by number or by name
             const bool byName = random() % 2 == 0;
             const std::string type = someType();
             const std::int32_t id = someID();
             const std::string name = someName();
-            std::uint32_t position = 0;
-            const TModelRecord* expected = byName ? FindName(type, name, &position) : FindNumber(type, id, &position);
+            const std::uint32_t position = Find(byName, type, id, name);
             const Bytes key = byName ? NameKey(type.c_str(), name) : NumberKey(type.c_str(), id);
-            std::uint8_t fixed[kavotest::kFixedLength];
-            const std::int16_t error = GetRecordByKey(byName ? db.NameIndex() : db.NumberIndex(), key.data(), fixed);
-            if (expected == nullptr) {
-                ASSERT_EQ(error, kEngineKeyNotFound);
-                continue;
-            }
-            ASSERT_EQ(error, kEngineNoError);
-            ASSERT_EQ(Bytes(fixed, fixed + kavotest::kFixedLength),
-                      Bytes(expected->fBytes.begin(), expected->fBytes.begin() + kavotest::kFixedLength));
-            ASSERT_EQ(CurrentRecord(db), expected->fBytes);
-            continue;
-        }
-        if (op < 55 && !fModel.empty()) {  // rewrite
-            auto it = fModel.begin();
-            std::advance(it, random() % fModel.size());
-            const std::uint32_t position = it->first;
-            std::uint8_t fixed[kavotest::kFixedLength];
-            ASSERT_EQ(ReadFixedAt(db.Data(), position, fixed), kEngineNoError);
+            std::uint8_t fixed[kFixedLength];
+            const std::int16_t error =
+                GetRecordByKey(byName ? db.NameIndex() : db.NumberIndex(), key.data(), fixed);
+            ASSERT_EQ(error, position == 0 ? kEngineKeyNotFound : kEngineNoError);
+            if (position == 0) continue;
+            const Bytes& expected = fModel.at(position).fBytes;
+            ASSERT_EQ(Bytes(fixed, fixed + kFixedLength),
+                      Bytes(expected.begin(), expected.begin() + kFixedLength));
+            ASSERT_EQ(CurrentRecord(db), expected);
+        } else if (op < 55 && !fModel.empty()) {  // rewrite
+            const auto it = someRecord();
             TModelRecord changed = it->second;
             if (random() % 3 == 0) changed.fID = someID();
             if (random() % 3 == 0) changed.fName = someName();
             changed.fBytes = MakeRecord(changed.fType.c_str(), changed.fID, changed.fName, someData());
-            std::uint32_t other = 0;
-            const bool clash = (FindNumber(changed.fType, changed.fID, &other) && other != position) ||
-                               (FindName(changed.fType, changed.fName, &other) && other != position);
-            const std::int16_t error =
-                ReWriteVarRecord(db.Data(), changed.fBytes.data(), static_cast<std::uint32_t>(changed.fBytes.size()));
-            if (readOnly) {
-                ASSERT_EQ(error, kNoWritePermission);
-                continue;
-            }
+            const bool clash = Clashes(changed.fType, changed.fID, changed.fName, it->first);
+            const std::int16_t error = ReWriteVarRecord(db.Data(), changed.fBytes.data(),
+                                                        static_cast<std::uint32_t>(changed.fBytes.size()));
+            if (refused(error)) continue;
             ASSERT_EQ(error, clash ? kKeyExists : kEngineNoError);
             if (!clash) it->second = changed;
-            continue;
-        }
-        if (op < 65 && !fModel.empty()) {  // delete
-            auto it = fModel.begin();
-            std::advance(it, random() % fModel.size());
-            std::uint8_t fixed[kavotest::kFixedLength];
-            ASSERT_EQ(ReadFixedAt(db.Data(), it->first, fixed), kEngineNoError);
+        } else if (op < 65 && !fModel.empty()) {  // delete
+            const auto it = someRecord();
             const std::int16_t error = DeleteVarRecord(db.Data());
-            if (readOnly) {
-                ASSERT_EQ(error, kNoWritePermission);
-                continue;
-            }
+            if (refused(error)) continue;
             ASSERT_EQ(error, kEngineNoError);
+            std::uint8_t fixed[kFixedLength];
             ASSERT_EQ(ReadFixedAt(db.Data(), it->first, fixed), kBadRecordPosition);
             fModel.erase(it);
-            continue;
-        }
-        if (op < 72) {  // counts: per type over the signed IDs, and whole indexes
+        } else if (op < 72) {  // counts: per type over the signed IDs, and whole indexes
             const std::string type = someType();
             const Bytes low = NumberKey(type.c_str(), INT32_MIN + 1);
             const Bytes high = NumberKey(type.c_str(), INT32_MAX);
@@ -229,73 +221,50 @@ TEST_P(EngineModelTest, RandomOperationsMatchTheModelAcrossReopens) {
             ASSERT_EQ(CountKeyRange(db.NumberIndex(), low.data(), high.data()), expected);
             ASSERT_EQ(CountIndexEntries(db.NumberIndex()), fModel.size());
             ASSERT_EQ(CountIndexEntries(db.NameIndex()), fModel.size());
-            continue;
-        }
-        if (op < 82) {  // the k-th key of either index, and the rank of a key
+        } else if (op < 82) {  // the k-th key of either index, and the rank of a key
             const bool byName = random() % 2 == 0;
-            const std::vector<std::uint32_t> order = byName ? NameOrder() : NumberOrder();
+            const std::int16_t index = byName ? db.NameIndex() : db.NumberIndex();
+            const std::vector<std::uint32_t> order = Order(byName);
             const std::uint32_t n = static_cast<std::uint32_t>(random() % (order.size() + 2));
             std::uint8_t key[36];
-            const std::uint32_t position = NthKey(byName ? db.NameIndex() : db.NumberIndex(), n, key);
-            if (n >= order.size()) {
-                ASSERT_EQ(position, 0u);
-                ASSERT_EQ(EngineError(), kEngineNoError);
-                continue;
-            }
-            ASSERT_EQ(position, order[n]);
+            const std::uint32_t position = NthKey(index, n, key);
+            ASSERT_EQ(position, n < order.size() ? order[n] : 0u);
+            ASSERT_EQ(EngineError(), kEngineNoError);
+            if (n >= order.size()) continue;
             const TModelRecord& r = fModel.at(order[n]);
-            const std::int16_t index = byName ? db.NameIndex() : db.NumberIndex();
             const Bytes raw = byName ? NameKey(r.fType.c_str(), r.fName) : NumberKey(r.fType.c_str(), r.fID);
             const Bytes stored = Stored(index, raw);
             ASSERT_EQ(Bytes(key, key + stored.size()), stored);
             ASSERT_EQ(CountKeysBelow(index, raw.data()), n);
-            continue;
-        }
-        if (op < 88) {  // at or before, at or after
+        } else if (op < 88) {  // at or before, at or after
             const std::string type = someType();
             const std::int32_t id = someID();
-            const std::vector<std::uint32_t> order = NumberOrder();
-            const auto below = [&](std::uint32_t p) {
+            std::uint32_t before = 0;
+            std::uint32_t after = 0;
+            for (std::uint32_t p : Order(false)) {
                 const TModelRecord& r = fModel.at(p);
-                return std::tie(r.fType, r.fID) <= std::tie(type, id);
-            };
-            std::uint32_t expected = 0;
-            for (std::uint32_t p : order) {
-                if (below(p)) expected = p;
+                if (std::tie(r.fType, r.fID) <= std::tie(type, id)) before = p;
+                if (after == 0 && std::tie(r.fType, r.fID) >= std::tie(type, id)) after = p;
             }
             const Bytes key = NumberKey(type.c_str(), id);
-            std::uint8_t fixed[kavotest::kFixedLength];
+            std::uint8_t fixed[kFixedLength];
             const std::int16_t error = GetRecordAtOrBefore(db.NumberIndex(), key.data(), fixed);
-            if (expected == 0) {
-                ASSERT_EQ(error, kEngineKeyNotFound);
-            } else {
-                ASSERT_EQ(error, kEngineNoError);
-                ASSERT_EQ(CurrentRecord(db), fModel.at(expected).fBytes);
-            }
-            std::uint32_t after = 0;
-            for (auto it = order.rbegin(); it != order.rend(); ++it) {
-                const TModelRecord& r = fModel.at(*it);
-                if (std::tie(r.fType, r.fID) >= std::tie(type, id)) after = *it;
+            ASSERT_EQ(error, before == 0 ? kEngineKeyNotFound : kEngineNoError);
+            if (before != 0) {
+                ASSERT_EQ(CurrentRecord(db), fModel.at(before).fBytes);
             }
             ASSERT_EQ(FindKeyAtOrAfter(db.NumberIndex(), key.data(), nullptr), after);
-            continue;
-        }
-        if (op < 90) {  // a whole walk of the name index
-            const std::vector<std::uint32_t> order = NameOrder();
+        } else if (op < 90) {  // a whole walk of the name index
             std::vector<std::uint32_t> walked;
             std::uint8_t key[36];
             for (std::uint32_t p = FirstKey(db.NameIndex(), key); p != 0; p = NextKey(db.NameIndex(), key)) {
                 walked.push_back(p);
             }
             ASSERT_EQ(EngineError(), kEngineNoError);
-            ASSERT_EQ(walked, order);
-            continue;
+            ASSERT_EQ(walked, Order(true));
         }
     }
-    ASSERT_EQ(db.Close(), kEngineNoError);
-    TIntegrityReport report;
-    ASSERT_EQ(CheckHostFile(db.Path().c_str(), &report), kEngineNoError);
-    EXPECT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+    CloseAndCheck(db, &report);
     EXPECT_EQ(report.fRecords, fModel.size());
     EXPECT_EQ(report.fKeys, 2 * fModel.size());
 }
@@ -303,126 +272,103 @@ TEST_P(EngineModelTest, RandomOperationsMatchTheModelAcrossReopens) {
 // A roomy cache and a tiny one that forces pages out and checkpoints in.
 INSTANTIATE_TEST_SUITE_P(CacheSizes, EngineModelTest, ::testing::Values(std::size_t{16384}, std::size_t{16}));
 
-}  // namespace
+class EngineFileTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(EngineInit(24, 60, 4, 24, 33), kEngineNoError); }
+    void TearDown() override { EngineStop(); }
 
-namespace {
+    kavotest::TTempDirectory fDirectory{"engine"};
+    TTestDatabase fDb{fDirectory.File("test.kdb")};
+};
 
-// Trees many levels deep: tens of thousands of keys in random order, then
-// removed again in another random order, the ranks checked on the way and
-// the file checked whole at the fullest and when empty again.
-TEST(EngineTreeTest, ManyKeysGrowAndShrinkTheTreesEvenly) {
-    kavotest::TTempDirectory dir("trees");
-    ASSERT_EQ(EngineInit(24, 60, 4, 24, 33), kEngineNoError);
-    TTestDatabase db(dir.File("trees.kdb"));
-    ASSERT_EQ(db.Create(), kEngineNoError);
+// Tens of thousands of keys in random order, then removed again in another
+// random order, the ranks checked on the way and the file checked whole at
+// the fullest and when empty again.
+TEST_F(EngineFileTest, ManyKeysGrowAndShrinkTheTreesEvenly) {
+    ASSERT_EQ(fDb.Create(), kEngineNoError);
     constexpr int kCount = 40000;
     std::vector<std::int32_t> ids(kCount);
     for (int i = 0; i < kCount; ++i) ids[i] = i * 3 - kCount;  // negative and positive
     std::mt19937 random(77);
     std::shuffle(ids.begin(), ids.end(), random);
     for (std::int32_t id : ids) {
-        const Bytes record = MakeRecord("MDUM", id, "m" + std::to_string(id), Bytes(random() % 60, 0x5A));
-        ASSERT_EQ(AddVarRecord(db.Data(), record.data(), static_cast<std::uint32_t>(record.size())), kEngineNoError);
+        ASSERT_EQ(Add(fDb, MakeRecord("MDUM", id, "m" + std::to_string(id), Bytes(random() % 60, 0x5A))),
+                  kEngineNoError);
     }
     std::vector<std::int32_t> sorted = ids;
     std::sort(sorted.begin(), sorted.end());
     for (int probe = 0; probe < 200; ++probe) {
         const std::uint32_t n = random() % kCount;
         std::uint8_t key[8];
-        ASSERT_NE(NthKey(db.NumberIndex(), n, key), 0u);
-        const Bytes expected = NumberKey("MDUM", sorted[n]);
-        Bytes stored = expected;
-        TransformKey(db.NumberIndex(), stored.data());
-        ASSERT_EQ(Bytes(key, key + 8), stored);
+        ASSERT_NE(NthKey(fDb.NumberIndex(), n, key), 0u);
         const Bytes low = NumberKey("MDUM", sorted[n]);
+        ASSERT_EQ(Bytes(key, key + 8), Stored(fDb.NumberIndex(), low));
         const Bytes high = NumberKey("MDUM", INT32_MAX);
-        ASSERT_EQ(CountKeyRange(db.NumberIndex(), low.data(), high.data()), kCount - n);
+        ASSERT_EQ(CountKeyRange(fDb.NumberIndex(), low.data(), high.data()), kCount - n);
     }
-    ASSERT_EQ(db.Close(), kEngineNoError);
     TIntegrityReport report;
-    ASSERT_EQ(CheckHostFile(db.Path().c_str(), &report), kEngineNoError);
-    ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+    CloseAndCheck(fDb, &report);
     ASSERT_EQ(report.fRecords, std::uint32_t{kCount});
     const std::uint32_t fullPages = report.fPages;
 
-    ASSERT_EQ(db.Open(), kEngineNoError);
+    ASSERT_EQ(fDb.Open(), kEngineNoError);
     std::shuffle(ids.begin(), ids.end(), random);
     for (std::size_t i = 0; i < ids.size(); ++i) {
-        const Bytes key = NumberKey("MDUM", ids[i]);
-        std::uint8_t fixed[kavotest::kFixedLength];
-        ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
-        ASSERT_EQ(DeleteVarRecord(db.Data()), kEngineNoError);
+        ASSERT_EQ(Seek(fDb, "MDUM", ids[i]), kEngineNoError);
+        ASSERT_EQ(DeleteVarRecord(fDb.Data()), kEngineNoError);
         if (i == ids.size() / 2) {
-            ASSERT_EQ(CountIndexEntries(db.NameIndex()), ids.size() - i - 1);
+            ASSERT_EQ(CountIndexEntries(fDb.NameIndex()), ids.size() - i - 1);
         }
     }
-    ASSERT_EQ(CountIndexEntries(db.NumberIndex()), 0u);
-    ASSERT_EQ(FirstKey(db.NameIndex(), nullptr), 0u);
-    ASSERT_EQ(db.Close(), kEngineNoError);
-    ASSERT_EQ(CheckHostFile(db.Path().c_str(), &report), kEngineNoError);
-    ASSERT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+    ASSERT_EQ(CountIndexEntries(fDb.NumberIndex()), 0u);
+    ASSERT_EQ(FirstKey(fDb.NameIndex(), nullptr), 0u);
+    CloseAndCheck(fDb, &report);
     // Every page but the header slots, the trees' roots and the free list is
     // free. Pages change by being copied, and the copied ones are free again
     // only after the next checkpoint, so the file grew by at most what one
     // checkpoint's worth of copies needs.
     EXPECT_LE(report.fPages, fullPages + 2048 + 16);
     EXPECT_GE(report.fFreePages + 16, report.fPages);
-    EngineStop();
 }
 
-}  // namespace
-
-namespace {
-
 // Records from an empty data part to 64 MiB, across the inline limit and
-// the overflow page size, read back whole before and after a reopen.
-TEST(EngineRecordSizeTest, RecordsFromEmptyToSixtyFourMebibytesRoundTrip) {
-    kavotest::TTempDirectory dir("sizes");
-    ASSERT_EQ(EngineInit(24, 60, 4, 24, 33), kEngineNoError);
-    TTestDatabase db(dir.File("sizes.kdb"));
-    ASSERT_EQ(db.Create(), kEngineNoError);
-    const std::vector<std::size_t> sizes = {0, 1, 959, 960, 961, 4076, 4077, 8152, 100000, std::size_t{64} << 20};
+// the overflow page size, read back whole before and after a reopen; too
+// short ones are refused, and deleting the long ones gives their overflow
+// pages back.
+TEST_F(EngineFileTest, RecordsFromEmptyToSixtyFourMebibytesRoundTrip) {
+    ASSERT_EQ(fDb.Create(), kEngineNoError);
+    const std::size_t sizes[] = {0, 1, 959, 960, 961, 4076, 4077, 8152, 100000, std::size_t{64} << 20};
     std::mt19937 random(64);
     std::vector<Bytes> records;
-    for (std::size_t i = 0; i < sizes.size(); ++i) {
-        Bytes data(sizes[i]);
+    for (std::size_t size : sizes) {
+        Bytes data(size);
         for (auto& b : data) b = static_cast<std::uint8_t>(random());
-        records.push_back(MakeRecord("big ", static_cast<std::int32_t>(i), "r" + std::to_string(i), data));
-        ASSERT_EQ(AddVarRecord(db.Data(), records[i].data(), static_cast<std::uint32_t>(records[i].size())),
-                  kEngineNoError);
+        const auto i = static_cast<std::int32_t>(records.size());
+        records.push_back(MakeRecord("big ", i, "r" + std::to_string(i), data));
+        ASSERT_EQ(Add(fDb, records.back()), kEngineNoError);
     }
     for (int pass = 0; pass < 2; ++pass) {
         for (std::size_t i = 0; i < records.size(); ++i) {
-            const Bytes key = NumberKey("big ", static_cast<std::int32_t>(i));
-            std::uint8_t fixed[kavotest::kFixedLength];
-            ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
-            const std::uint32_t length = VarRecordLength(db.Data());
+            ASSERT_EQ(Seek(fDb, "big ", static_cast<std::int32_t>(i)), kEngineNoError);
+            const std::uint32_t length = VarRecordLength(fDb.Data());
             ASSERT_EQ(length, records[i].size());
             Bytes back(length);
-            ASSERT_EQ(ReadVarRecord(db.Data(), back.data(), length - 1), kBufferTooSmall);
-            ASSERT_EQ(ReadVarRecord(db.Data(), back.data(), length), kEngineNoError);
+            ASSERT_EQ(ReadVarRecord(fDb.Data(), back.data(), length - 1), kBufferTooSmall);
+            ASSERT_EQ(ReadVarRecord(fDb.Data(), back.data(), length), kEngineNoError);
             ASSERT_TRUE(back == records[i]) << "record " << i;
         }
-        ASSERT_EQ(db.Close(), kEngineNoError);
-        ASSERT_EQ(db.Open(), kEngineNoError);
+        ASSERT_EQ(fDb.Close(), kEngineNoError);
+        ASSERT_EQ(fDb.Open(), kEngineNoError);
     }
-    // A short record and a record shorter than the fixed part are refused.
-    const Bytes tooShort(kavotest::kFixedLength - 1, 1);
-    ASSERT_EQ(AddVarRecord(db.Data(), tooShort.data(), static_cast<std::uint32_t>(tooShort.size())), kBadArgument);
-    // Deleting the long ones gives their overflow pages back.
+    ASSERT_EQ(Add(fDb, Bytes(kFixedLength - 1, 1)), kBadArgument);
     for (std::size_t i = 0; i < records.size(); ++i) {
-        const Bytes key = NumberKey("big ", static_cast<std::int32_t>(i));
-        std::uint8_t fixed[kavotest::kFixedLength];
-        ASSERT_EQ(GetRecordByKey(db.NumberIndex(), key.data(), fixed), kEngineNoError);
-        ASSERT_EQ(DeleteVarRecord(db.Data()), kEngineNoError);
+        ASSERT_EQ(Seek(fDb, "big ", static_cast<std::int32_t>(i)), kEngineNoError);
+        ASSERT_EQ(DeleteVarRecord(fDb.Data()), kEngineNoError);
     }
-    ASSERT_EQ(db.Close(), kEngineNoError);
     TIntegrityReport report;
-    ASSERT_EQ(CheckHostFile(db.Path().c_str(), &report), kEngineNoError);
-    EXPECT_TRUE(report.fProblems.empty()) << report.fProblems.front();
+    CloseAndCheck(fDb, &report);
     EXPECT_EQ(report.fRecords, 0u);
     EXPECT_GE(report.fFreePages, std::uint32_t{(64u << 20) / 4096});
-    EngineStop();
 }
 
 }  // namespace

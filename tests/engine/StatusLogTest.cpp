@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -104,80 +105,55 @@ protected:
     std::filesystem::path fPrevious;
 };
 
-TEST_F(StatusLogTest, AnEntryIsTheDateLineThenTheUserAndTheMessage) {
-    const std::time_t before = std::time(nullptr);
-    EXPECT_EQ(LogStatus("index damaged", 0), 0);
-    const std::time_t after = std::time(nullptr);
-
-    const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].size(), 24u);
-    EXPECT_TRUE(IsDateBetween(lines[0], before, after)) << lines[0];
-    EXPECT_EQ(lines[1], " - User# 01\tindex damaged");
-}
-
-TEST_F(StatusLogTest, ACodeOtherThanZeroFollowsTheMessage) {
-    EXPECT_EQ(LogStatus(kMsgNodeBeyondEnd, kLowNodeBeyondEnd), 519);
-    EXPECT_EQ(LogStatus("negative", -5), -5);
-
-    const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[1], " - User# 01\tnode exceeds logical index EOF: 519");
-    EXPECT_EQ(lines[3], " - User# 01\tnegative: -5");
-}
-
-TEST_F(StatusLogTest, EntriesAreAppendedToWhatTheLogHolds) {
+// Each entry is appended to what the log holds: the date line, then the
+// user and the message, cut at 256 characters, and the code after it unless
+// it is 0 or the entry is fatal. The call answers the code (0 when fatal).
+TEST_F(StatusLogTest, AnEntryIsTheDateLineThenTheUserTheMessageAndAnyCode) {
     {
         std::ofstream earlier(kLogName, std::ios::binary);
         earlier << "an earlier run\n";
     }
+    struct Entry {
+        const char* fMessage;
+        std::int16_t fCode;
+        std::int16_t fAnswer;
+        std::string fLine;
+    };
+    const std::string longMessage(100000, 'm');
+    const std::string cutMessage = std::string(256, 'e') + "cut";
+    const Entry entries[] = {
+        {"index damaged", 0, 0, "index damaged"},
+        {kMsgNodeBeyondEnd, kLowNodeBeyondEnd, 519, "node exceeds logical index EOF: 519"},
+        {"negative", -5, -5, "negative: -5"},
+        {"the end", kFatalStatusCode, 0, "the end"},
+        {longMessage.c_str(), 519, 519, std::string(256, 'm') + ": 519"},
+        {cutMessage.c_str(), 0, 0, std::string(256, 'e')},
+        {nullptr, 7, 7, ": 7"},
+    };
     const std::time_t before = std::time(nullptr);
-    for (int i = 0; i < 3; ++i)
-        LogStatus(("entry " + std::to_string(i)).c_str(), static_cast<std::int16_t>(i));
+    for (const Entry& entry : entries) EXPECT_EQ(LogStatus(entry.fMessage, entry.fCode), entry.fAnswer);
     const std::time_t after = std::time(nullptr);
 
     const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 7u);
+    ASSERT_EQ(lines.size(), 1 + 2 * std::size(entries));
     EXPECT_EQ(lines[0], "an earlier run");
-    for (int i = 0; i < 3; ++i) {
+    for (std::size_t i = 0; i < std::size(entries); ++i) {
+        EXPECT_EQ(lines[1 + 2 * i].size(), 24u);
         EXPECT_TRUE(IsDateBetween(lines[1 + 2 * i], before, after)) << lines[1 + 2 * i];
-        EXPECT_EQ(lines[2 + 2 * i],
-                  " - User# 01\tentry " + std::to_string(i) + (i == 0 ? "" : ": " + std::to_string(i)));
+        EXPECT_EQ(lines[2 + 2 * i], " - User# 01\t" + entries[i].fLine);
     }
 }
 
-TEST_F(StatusLogTest, AFatalEntryNeverShowsACode) {
-    EXPECT_EQ(LogStatus("the end", kFatalStatusCode), 0);
-    const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[1], " - User# 01\tthe end");
-}
-
-TEST_F(StatusLogTest, LongMessagesAreCutAt256Characters) {
-    const std::string longMessage(100000, 'm');
-    EXPECT_EQ(LogStatus(longMessage.c_str(), 519), 519);
-    EXPECT_EQ(LogStatus((std::string(256, 'e') + "cut").c_str(), 0), 0);
-    EXPECT_EQ(LogStatus(nullptr, 7), 7);
-
-    const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[1], " - User# 01\t" + std::string(256, 'm') + ": 519");
-    EXPECT_EQ(lines[3], " - User# 01\t" + std::string(256, 'e'));
-    EXPECT_EQ(lines[5], " - User# 01\t: 7");
-}
-
-TEST_F(StatusLogTest, AFatalErrorEndsTheProcessWithItsNumber) {
+// The child logs the message as a fatal entry: no code.
+TEST_F(StatusLogTest, AFatalErrorLogsAndEndsTheProcessWithItsNumber) {
+    EXPECT_EXIT(FatalError(kFatalBadHostFileNumber), ::testing::ExitedWithCode(22), "error #22 low_err=0");
     engine::SetLowError(kLowNodeBeyondEnd);
     EXPECT_EXIT(FatalError(kFatalNodeAtZero), ::testing::ExitedWithCode(237), "error #237 low_err=519");
 
-    // The child logged the message as a fatal entry: no code.
     const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[1], " - User# 01\tFatal engine error #237 low_err=519");
-}
-
-TEST_F(StatusLogTest, ABadHostFileNumberEndsTheProcess) {
-    EXPECT_EXIT(FatalError(kFatalBadHostFileNumber), ::testing::ExitedWithCode(22), "error #22 low_err=0");
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[1], " - User# 01\tFatal engine error #22 low_err=0");
+    EXPECT_EQ(lines[3], " - User# 01\tFatal engine error #237 low_err=519");
 }
 
 TEST_F(StatusLogTest, TheSecondFatalPathPrintsWhereItFailedAndEndsWith100) {
