@@ -1,7 +1,10 @@
 // The element list against a std::vector model, including the one-slot growth
-// that callers see through AllocatedCount().
+// that callers see through AllocatedCount() and the index Find gives for a
+// missing value.
 #include <algorithm>
+#include <cstdint>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "MemSys/Win32/Memsys.h"
@@ -17,110 +20,20 @@ protected:
         KavoTest::TearDown();
     }
 
-    static std::vector<std::int32_t> Elements(TList& list) {
-        std::vector<std::int32_t> out;
+    template <typename TElement>
+    static std::vector<TElement> Elements(TListOf<TElement>& list) {
+        std::vector<TElement> out;
         for (std::uint16_t i = 0; i < list.Count(); ++i) {
-            std::int32_t v = 0;
+            TElement v{};
             EXPECT_EQ(list.Get(i, &v), kNoError);
             out.push_back(v);
         }
         return out;
     }
+
+    template <typename TTheList, typename TElement>
+    void RandomOperationsMatchAVectorModel(unsigned seed);
 };
-
-TEST_F(TlistTest, ANewListIsEmptyWhateverItsArgument) {
-    TList list(50);
-    EXPECT_TRUE(list.IsValid());
-    EXPECT_EQ(list.Count(), 0);
-    EXPECT_EQ(list.AllocatedCount(), 0);
-    EXPECT_EQ(list.MaxCount(), 0);
-    EXPECT_EQ(list.RecordSize(), 4);
-    EXPECT_EQ(MSGetHandleSize(list.Items()), 0u);
-}
-
-TEST_F(TlistTest, SlotsGrowOneAtATimeAndAreKeptUntilCompact) {
-    TList list;
-    for (std::int32_t v : {10, 20, 30}) EXPECT_EQ(list.Append(v), kNoError);
-    EXPECT_EQ(list.AllocatedCount(), 3);
-    EXPECT_EQ(MSGetHandleSize(list.Items()), 12u);
-    EXPECT_EQ(list.Remove(1), kNoError);
-    EXPECT_EQ(list.AllocatedCount(), 3);
-    EXPECT_EQ(list.Count(), 2);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{10, 30}));
-    EXPECT_EQ(list.Compact(), kNoError);
-    EXPECT_EQ(MSGetHandleSize(list.Items()), 8u);
-    EXPECT_EQ(list.AllocatedCount(), 2);
-
-    // Find of a missing value answers one past the allocated slots.
-    std::uint16_t index = 0;
-    EXPECT_EQ(list.Find(99, &index), kGeneralError);
-    EXPECT_EQ(index, 3);
-    EXPECT_EQ(list.Find(30, &index), kNoError);
-    EXPECT_EQ(index, 1);
-}
-
-TEST_F(TlistTest, OutOfRangeIndicesAreRefusedWithoutChange) {
-    TList list;
-    list.Append(1);
-    list.Append(2);
-    std::int32_t v = 77;
-    EXPECT_EQ(list.Get(2, &v), kGeneralError);
-    EXPECT_EQ(v, 0);
-    EXPECT_EQ(list.Set(5, 2), kGeneralError);
-    EXPECT_EQ(list.Remove(2), kGeneralError);
-    EXPECT_EQ(list.Swap(0, 2), kGeneralError);
-    EXPECT_EQ(list.Insert(9, 3), kGeneralError);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{1, 2}));
-    EXPECT_EQ(list.AllocatedCount(), 2);
-    EXPECT_EQ(list.Get(0, nullptr), kGeneralError);
-    ExpectReported("value != NULL");
-}
-
-TEST_F(TlistTest, MovesByValue) {
-    TList list;
-    for (std::int32_t v : {1, 2, 3, 4}) list.Append(v);
-    EXPECT_EQ(list.BringToFront(1), kNoError);  // already first: nothing changes
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{1, 2, 3, 4}));
-    EXPECT_EQ(list.BringToFront(3), kNoError);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{3, 1, 2, 4}));
-    EXPECT_EQ(list.SendToBack(3), kNoError);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{1, 2, 4, 3}));
-    EXPECT_EQ(list.MoveUp(4), kNoError);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{1, 4, 2, 3}));
-    EXPECT_EQ(list.MoveDown(1), kNoError);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{4, 1, 2, 3}));
-    EXPECT_EQ(list.MoveUp(4), kNoError);
-    EXPECT_EQ(list.MoveDown(3), kNoError);
-    EXPECT_EQ(Elements(list), (std::vector<std::int32_t>{4, 1, 2, 3}));
-    EXPECT_EQ(list.MoveUp(42), kGeneralError);
-    EXPECT_EQ(list.RemoveValue(42), kGeneralError);
-    EXPECT_EQ(list.AllocatedCount(), 4);
-}
-
-TEST_F(TlistTest, AFailedGrowLeavesTheListAsItWas) {
-    TList list;
-    // Appends fit in the handle's spare room until one needs the system;
-    // the system refuses that one.
-    std::int32_t next = 0;
-    for (; next < 100; ++next) ASSERT_EQ(list.Append(next), kNoError);
-    for (;; ++next) {
-        const MSHandle items = list.Items();
-        memsys::RefuseSystemAllocationAfter(0);
-        const std::int16_t error = list.Append(next);
-        memsys::RefuseSystemAllocationAfter(-1);
-        if (error == kNoError) continue;
-        ASSERT_EQ(error, kCannotGrow);
-        EXPECT_EQ(list.Items(), items);
-        EXPECT_EQ(list.Count(), next);
-        EXPECT_EQ(list.AllocatedCount(), next);
-        EXPECT_EQ(MSGetHandleSize(list.Items()), 4u * next);
-        break;
-    }
-    EXPECT_EQ(list.Append(next), kNoError);
-    std::vector<std::int32_t> expected(next + 1);
-    for (std::int32_t i = 0; i <= next; ++i) expected[i] = i;
-    EXPECT_EQ(Elements(list), expected);
-}
 
 TEST_F(TlistTest, SixteenBitIndicesBoundTheList) {
     TList list;
@@ -151,94 +64,34 @@ TEST_F(TlistTest, ClearOffersEachElementToTheDerivedList) {
     EXPECT_EQ(list.AllocatedCount(), 0);
 }
 
-TEST_F(TlistTest, ReferenceListsHoldWholePointers) {
-    TRefList list;
-    EXPECT_EQ(list.RecordSize(), sizeof(void*));
-    int objects[3];
-    for (int& o : objects) list.Append(&o);
-    list.BringToFront(&objects[2]);
-    void* first = nullptr;
-    EXPECT_EQ(list.Get(0, &first), kNoError);
-    EXPECT_EQ(first, &objects[2]);
-    std::uint16_t index = 0;
-    EXPECT_EQ(list.Find(&objects[1], &index), kNoError);
-    EXPECT_EQ(index, 2);
-}
-
-TEST_F(TlistTest, RandomOperationsMatchAVectorModel) {
-    std::mt19937 random(7);
-    TList list;
-    std::vector<std::int32_t> model;
-    std::size_t slots = 0;  // slots ever needed since the last compact
-    const auto someValue = [&]() -> std::int32_t {
-        if (!model.empty() && random() % 3 != 0) return model[random() % model.size()];
-        return static_cast<std::int32_t>(random() % 200) - 100;
-    };
-    for (int step = 0; step < 30000; ++step) {
-        const std::int32_t value = someValue();
-        const auto found = std::find(model.begin(), model.end(), value);
-        const std::uint16_t at = static_cast<std::uint16_t>(found - model.begin());
-        switch (random() % 11) {
-            case 0:
-            case 1: {
-                const auto index = static_cast<std::uint16_t>(random() % (model.size() + 2));
-                const std::int16_t e = list.Insert(value, index);
-                if (index > model.size()) {
-                    ASSERT_EQ(e, kGeneralError);
-                } else {
-                    ASSERT_EQ(e, kNoError);
-                    model.insert(model.begin() + index, value);
-                }
-                break;
-            }
-            case 2:
-                ASSERT_EQ(list.Append(value), kNoError);
-                model.push_back(value);
-                break;
-            case 3:
-                ASSERT_EQ(list.Prepend(value), kNoError);
-                model.insert(model.begin(), value);
-                break;
-            case 4: {
-                const auto index = static_cast<std::uint16_t>(random() % (model.size() + 1));
-                ASSERT_EQ(list.Remove(index), index < model.size() ? kNoError : kGeneralError);
-                if (index < model.size()) model.erase(model.begin() + index);
-                break;
-            }
-            case 5:
-                ASSERT_EQ(list.RemoveValue(value), found != model.end() ? kNoError : kGeneralError);
-                if (found != model.end()) model.erase(found);
-                break;
-            case 6:
-                ASSERT_EQ(list.BringToFront(value), found != model.end() ? kNoError : kGeneralError);
-                if (found != model.end()) std::rotate(model.begin(), found, found + 1);
-                break;
-            case 7:
-                ASSERT_EQ(list.SendToBack(value), found != model.end() ? kNoError : kGeneralError);
-                if (found != model.end()) std::rotate(found, found + 1, model.end());
-                break;
-            case 8:
-                ASSERT_EQ(list.MoveUp(value), found != model.end() ? kNoError : kGeneralError);
-                if (found != model.end() && at > 0) std::swap(model[at], model[at - 1]);
-                break;
-            case 9:
-                ASSERT_EQ(list.MoveDown(value), found != model.end() ? kNoError : kGeneralError);
-                if (found != model.end() && at + 1u < model.size()) std::swap(model[at], model[at + 1]);
-                break;
-            default:
-                if (random() % 20 == 0) {
-                    ASSERT_EQ(list.Compact(), kNoError);
-                    slots = model.size();
-                } else if (!model.empty()) {
-                    const auto a = static_cast<std::uint16_t>(random() % model.size());
-                    ASSERT_EQ(list.Set(value, a), kNoError);
-                    model[a] = value;
-                }
-                break;
+// Before every step the list matches the model, and its slots, counted by
+// AllocatedCount() and by the handle's size, are those ever needed since the
+// last Compact or Clear: it grows one slot at a time and keeps them. Indices
+// are now and then out of range, values absent, and grows refused by the
+// system; each of those is refused and leaves the list as it was. The same
+// holds for a reference list, whose elements are whole pointers.
+template <typename TTheList, typename TElement>
+void TlistTest::RandomOperationsMatchAVectorModel(unsigned seed) {
+    std::mt19937 random(seed);
+    TTheList list(50);  // the argument has no effect
+    EXPECT_TRUE(list.IsValid());
+    EXPECT_EQ(list.MaxCount(), 0);
+    EXPECT_EQ(list.RecordSize(), sizeof(TElement));
+    EXPECT_EQ(list.Get(0, nullptr), kGeneralError);
+    ExpectReported("value != NULL");
+    const auto element = [](std::int32_t v) {
+        if constexpr (std::is_pointer_v<TElement>) {
+            return reinterpret_cast<TElement>(static_cast<std::intptr_t>(v));
+        } else {
+            return v;
         }
-        slots = std::max(slots, model.size());
+    };
+    std::vector<TElement> model;
+    std::size_t slots = 0;
+    for (int step = 0; step < 30000; ++step) {
         ASSERT_EQ(list.Count(), model.size());
         ASSERT_EQ(list.AllocatedCount(), slots);
+        ASSERT_EQ(MSGetHandleSize(list.Items()), sizeof(TElement) * slots);
         if (step % 500 == 0) {
             ASSERT_EQ(Elements(list), model);
         }
@@ -247,8 +100,97 @@ TEST_F(TlistTest, RandomOperationsMatchAVectorModel) {
             model.clear();
             slots = 0;
         }
+        const TElement value = !model.empty() && random() % 3 != 0
+                                   ? model[random() % model.size()]
+                                   : element(static_cast<std::int32_t>(random() % 200) - 100);
+        const auto found = std::find(model.begin(), model.end(), value);
+        const auto at = static_cast<std::uint16_t>(found - model.begin());
+        const std::int16_t byValue = found != model.end() ? kNoError : kGeneralError;
+        const auto i = static_cast<std::uint16_t>(random() % (model.size() + 2));
+        const auto j = static_cast<std::uint16_t>(random() % (model.size() + 1));
+        switch (random() % 13) {
+            case 0:
+            case 1:
+            case 2: {  // an insert, append or prepend
+                const auto how = random() % 3;
+                const auto index = static_cast<std::uint16_t>(how == 0 ? i : how == 1 ? model.size() : 0);
+                const MSHandle items = list.Items();
+                const bool refuse = random() % 8 == 0;
+                if (refuse) memsys::RefuseSystemAllocationAfter(0);
+                const std::int16_t e = how == 0   ? list.Insert(value, index)
+                                       : how == 1 ? list.Append(value)
+                                                  : list.Prepend(value);
+                memsys::RefuseSystemAllocationAfter(-1);
+                if (e == kCannotGrow) {
+                    ASSERT_TRUE(refuse);
+                    ASSERT_EQ(list.Items(), items);
+                    ASSERT_EQ(Elements(list), model);
+                    break;
+                }
+                ASSERT_EQ(e, index <= model.size() ? kNoError : kGeneralError);
+                if (e == kNoError) model.insert(model.begin() + index, value);
+                break;
+            }
+            case 3:
+                ASSERT_EQ(list.Remove(i), i < model.size() ? kNoError : kGeneralError);
+                if (i < model.size()) model.erase(model.begin() + i);
+                break;
+            case 4:
+                ASSERT_EQ(list.RemoveValue(value), byValue);
+                if (byValue == kNoError) model.erase(found);
+                break;
+            case 5:
+                ASSERT_EQ(list.BringToFront(value), byValue);
+                if (byValue == kNoError) std::rotate(model.begin(), found, found + 1);
+                break;
+            case 6:
+                ASSERT_EQ(list.SendToBack(value), byValue);
+                if (byValue == kNoError) std::rotate(found, found + 1, model.end());
+                break;
+            case 7:
+                ASSERT_EQ(list.MoveUp(value), byValue);
+                if (byValue == kNoError && at > 0) std::swap(model[at], model[at - 1]);
+                break;
+            case 8:
+                ASSERT_EQ(list.MoveDown(value), byValue);
+                if (byValue == kNoError && at + 1u < model.size()) std::swap(model[at], model[at + 1]);
+                break;
+            case 9: {  // a missing value's index is AllocatedCount() + 1
+                std::uint16_t index = 0;
+                ASSERT_EQ(list.Find(value, &index), byValue);
+                ASSERT_EQ(index, byValue == kNoError ? at : slots + 1);
+                break;
+            }
+            case 10:
+                ASSERT_EQ(list.Swap(i, j), i < model.size() && j < model.size() ? kNoError : kGeneralError);
+                if (i < model.size() && j < model.size()) std::swap(model[i], model[j]);
+                break;
+            case 11: {  // out of range, Get gives 0
+                TElement got = element(77);
+                ASSERT_EQ(list.Get(i, &got), i < model.size() ? kNoError : kGeneralError);
+                ASSERT_EQ(got, i < model.size() ? model[i] : TElement{});
+                ASSERT_EQ(list.Set(value, i), i < model.size() ? kNoError : kGeneralError);
+                if (i < model.size()) model[i] = value;
+                break;
+            }
+            default:
+                if (random() % 8 == 0) {
+                    ASSERT_EQ(list.Compact(), kNoError);
+                    slots = model.size();
+                }
+                break;
+        }
+        slots = std::max(slots, model.size());
     }
     ASSERT_EQ(Elements(list), model);
+}
+
+TEST_F(TlistTest, RandomOperationsMatchAVectorModel) {
+    RandomOperationsMatchAVectorModel<TList, std::int32_t>(7);
+}
+
+TEST_F(TlistTest, RandomOperationsOnAReferenceListMatchAVectorModel) {
+    RandomOperationsMatchAVectorModel<TRefList, void*>(8);
 }
 
 }  // namespace

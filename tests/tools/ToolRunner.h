@@ -39,9 +39,6 @@ TRunResult RunProgram(const std::string& program, const std::vector<std::string>
 std::string ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::string& bytes);
 
-// The lines of a text, without their line ends.
-std::vector<std::string> SplitLines(const std::string& text);
-
 }  // namespace kavotest
 
 #endif  // KAVO_TESTS_TOOLS_TOOLRUNNER_H
