@@ -66,6 +66,11 @@ void RmTest::DropReports(const std::string& expression) {
                   reports.end());
 }
 
+void RmTest::ExpectRefused(std::int16_t result, std::int16_t code, const std::string& report) {
+    EXPECT_EQ(result, code) << "the call that reports \"" << report << "\"";
+    ExpectReported(report);
+}
+
 MSHandle NewHandleWith(const std::vector<std::uint8_t>& bytes) {
     MSHandle handle = nullptr;
     if (MSNewHandle(&handle, static_cast<std::uint32_t>(bytes.size())) != kNoError) return nullptr;

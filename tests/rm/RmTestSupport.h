@@ -42,6 +42,8 @@ protected:
     // Drops every report of this expression, however many there were (for
     // reports that depend on where a record happens to lie in the map).
     void DropReports(const std::string& expression);
+    // A refusal: the call answered this code and made this report.
+    void ExpectRefused(std::int16_t result, std::int16_t code, const std::string& report);
 
     TCurrentTempDirectory* fDirectory = nullptr;
 };
