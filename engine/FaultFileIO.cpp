@@ -328,8 +328,8 @@ namespace {
 
 class TCountingFile : public TFile {
 public:
-    TCountingFile(std::unique_ptr<TFile> base, std::shared_ptr<TFileCounters> counters)
-        : fBase(std::move(base)), fCounters(std::move(counters)) {}
+    TCountingFile(std::unique_ptr<TFile> base, std::shared_ptr<TFileCounters> counters, bool readOnly)
+        : fBase(std::move(base)), fCounters(std::move(counters)), fReadOnly(readOnly) {}
 
     bool ReadAt(std::uint64_t offset, void* buffer, std::size_t length, std::size_t* bytesRead) override {
         std::size_t n = 0;
@@ -353,7 +353,7 @@ public:
 
     bool Sync() override {
         const bool ok = fBase->Sync();
-        if (ok) ++fCounters->fSyncs;
+        if (ok && !fReadOnly) ++fCounters->fSyncs;  // counted as the fault layer counts them
         return ok;
     }
 
@@ -363,6 +363,7 @@ public:
 private:
     std::unique_ptr<TFile> fBase;
     std::shared_ptr<TFileCounters> fCounters;
+    bool fReadOnly;
 };
 
 }  // namespace
@@ -377,7 +378,7 @@ std::unique_ptr<TFile> TCountingFileSystem::Open(const std::string& path, OpenMo
     }
     std::unique_ptr<TFile> base = fBase->Open(path, mode, error);
     if (base == nullptr) return nullptr;
-    TFile* counting = new (std::nothrow) TCountingFile(std::move(base), fCounters);
+    TFile* counting = new (std::nothrow) TCountingFile(std::move(base), fCounters, mode == OpenMode::kReadOnly);
     if (counting == nullptr && error != nullptr) *error = FileError::kIO;
     return std::unique_ptr<TFile>(counting);
 }

@@ -219,7 +219,7 @@ TEST_F(FaultFileSystemTest, RefusedWritesAndSyncsChangeNothingAndAreNotCounted) 
     EXPECT_EQ(Current("a"), "14c");
 
     other.reset();
-    std::unique_ptr<TFile> reader = fFileSystem.Open("b", OpenMode::kReadOnly, nullptr);
+    std::unique_ptr<TFile> reader = counting.Open("b", OpenMode::kReadOnly, nullptr);
     fFileSystem.FailSyncAfter(0);
     EXPECT_TRUE(reader->Sync());
     EXPECT_FALSE(file->Sync());
