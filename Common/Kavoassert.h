@@ -44,8 +44,10 @@ inline bool CheckAssertion(bool ok, const char* expression, const char* file, in
 #define KAVO_ASSERT_TEXT(expression, text) \
     ((expression) ? (void)0 : ::kavo::ReportAssertion(text, __FILE__, __LINE__))
 #else
-#define KAVO_ASSERT(expression) ((void)0)
-#define KAVO_ASSERT_TEXT(expression, text) ((void)0)
+// Compiled out, the expression is still seen by the compiler (its variables
+// count as used) but never evaluated.
+#define KAVO_ASSERT(expression) ((void)sizeof((expression) ? 1 : 0))
+#define KAVO_ASSERT_TEXT(expression, text) ((void)sizeof((expression) ? 1 : 0))
 #endif
 
 // Checked condition: always evaluated, reported when false, yields its truth.
