@@ -6,6 +6,7 @@
 #ifndef KAVO_TESTS_ENGINE_ENGINEFIXTURE_H
 #define KAVO_TESTS_ENGINE_ENGINEFIXTURE_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -16,22 +17,6 @@
 namespace kavotest {
 
 constexpr std::uint16_t kFixedLength = 40;
-
-struct TRecordKey {
-    char fType[4];
-    std::int32_t fID;
-    std::string fName;
-};
-
-inline std::vector<std::uint8_t> MakeRecord(const char* type, std::int32_t id, const std::string& name,
-                                            const std::vector<std::uint8_t>& data) {
-    std::vector<std::uint8_t> record(kFixedLength, 0);
-    std::memcpy(record.data(), type, 4);
-    std::memcpy(record.data() + 4, &id, 4);
-    std::memcpy(record.data() + 8, name.data(), std::min<std::size_t>(name.size(), 31));
-    record.insert(record.end(), data.begin(), data.end());
-    return record;
-}
 
 inline std::vector<std::uint8_t> NumberKey(const char* type, std::int32_t id) {
     std::vector<std::uint8_t> key(8);
@@ -47,39 +32,33 @@ inline std::vector<std::uint8_t> NameKey(const char* type, const std::string& na
     return key;
 }
 
+// The fixed part is the number key, then the name as the name key holds it.
+inline std::vector<std::uint8_t> MakeRecord(const char* type, std::int32_t id, const std::string& name,
+                                            const std::vector<std::uint8_t>& data) {
+    std::vector<std::uint8_t> record = NumberKey(type, id);
+    const std::vector<std::uint8_t> key = NameKey(type, name);
+    record.insert(record.end(), key.begin() + 4, key.end());
+    record.insert(record.end(), data.begin(), data.end());
+    return record;
+}
+
 // The host file, its file definition and the file numbers it was given.
 class TTestDatabase {
 public:
-    explicit TTestDatabase(std::string path) : fPath(std::move(path)) {
-        fDataName = fPath + "!data";
-        fSegments[0] = {0, 4, kSegmentBytes};
-        fSegments[1] = {4, 4, kSegmentSignedInt};
-        fSegments[2] = {0, 4, kSegmentBytes};
-        fSegments[3] = {8, 32, kSegmentString};
-        fIndexes[0] = IndexDefinition{8, 0, 0, 1, 0, 2, &fSegments[0], "number_key", nullptr, nullptr, nullptr};
-        fIndexes[1] = IndexDefinition{36, 12, 0, 1, 0, 2, &fSegments[2], "name_key", nullptr, nullptr, nullptr};
-        fDefinition = FileDefinition{fDataName.c_str(), -1, kFixedLength, 16384, 68, 2, 4096, 64,
-                                     fIndexes, nullptr, nullptr, 0};
+    explicit TTestDatabase(std::string path) : fPath(std::move(path)), fDataName(fPath + "!data") {
+        fDefinition = {fDataName.c_str(), -1,      kFixedLength, 16384, 68, 2, 4096, 64,
+                       fIndexes,          nullptr, nullptr,      0};
     }
 
     // Creates the host file and its members and leaves them open.
     std::int16_t Create() {
-        std::int16_t error = CreateHostFile(kHostNumber, fPath.c_str(), 0, 0, kHostCreateMode);
-        if (error != kEngineNoError) return error;
-        fDefinition.fDataFileNumber = -1;
-        error = CreateFilesFromDefinition(&fDefinition);
-        if (error != kEngineNoError) CloseHostFile(kHostNumber, 0);
-        return error;
+        return Start(CreateHostFile(kHostNumber, fPath.c_str(), 0, 0, kHostCreateMode),
+                     CreateFilesFromDefinition);
     }
 
     std::int16_t Open(bool readOnly = false) {
-        std::int16_t error =
-            OpenHostFile(kHostNumber, fPath.c_str(), readOnly ? kHostOpenReadOnly : kHostOpenReadWrite);
-        if (error != kEngineNoError) return error;
-        fDefinition.fDataFileNumber = -1;
-        error = OpenFilesFromDefinition(&fDefinition);
-        if (error != kEngineNoError) CloseHostFile(kHostNumber, 0);
-        return error;
+        const std::uint16_t mode = readOnly ? kHostOpenReadOnly : kHostOpenReadWrite;
+        return Start(OpenHostFile(kHostNumber, fPath.c_str(), mode), OpenFilesFromDefinition);
     }
 
     std::int16_t Close() {
@@ -95,10 +74,23 @@ public:
     static constexpr std::int16_t kHostNumber = 0;
 
 private:
+    // Opens or creates the members once the host file is open; closes it
+    // again when they fail.
+    std::int16_t Start(std::int16_t error, std::int16_t (*members)(FileDefinition*)) {
+        if (error != kEngineNoError) return error;
+        fDefinition.fDataFileNumber = -1;
+        error = members(&fDefinition);
+        if (error != kEngineNoError) CloseHostFile(kHostNumber, 0);
+        return error;
+    }
+
     std::string fPath;
     std::string fDataName;
-    KeySegment fSegments[4];
-    IndexDefinition fIndexes[2];
+    KeySegment fSegments[4] = {
+        {0, 4, kSegmentBytes}, {4, 4, kSegmentSignedInt}, {0, 4, kSegmentBytes}, {8, 32, kSegmentString}};
+    IndexDefinition fIndexes[2] = {
+        {8, 0, 0, 1, 0, 2, &fSegments[0], "number_key", nullptr, nullptr, nullptr},
+        {36, 12, 0, 1, 0, 2, &fSegments[2], "name_key", nullptr, nullptr, nullptr}};
     FileDefinition fDefinition;
 };
 

@@ -1,11 +1,13 @@
-// The engine's file I/O: the rules every file system keeps (the platform's
-// and the fault-injecting one alike), and what only the platform's does.
+// The engine's file I/O: the rules every file system keeps (the platform's,
+// the fault-injecting one and the counting one over it alike), and what only
+// the platform's does.
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <ostream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "engine/FaultFileIO.h"
@@ -40,18 +42,18 @@ bool WriteText(TFile& file, std::uint64_t offset, const std::string& text) {
 // ---------------------------------------------------------------------------
 // Rules every file system keeps
 
-enum class Kind { kPlatform, kFault };
+enum class Kind { kPlatform, kFault, kCounting };
+const char* const kKindNames[] = {"Platform", "Fault", "Counting"};
 
 void PrintTo(Kind kind, std::ostream* out) {
-    *out << (kind == Kind::kPlatform ? "Platform" : "Fault");
+    *out << kKindNames[static_cast<int>(kind)];
 }
 
 class FileSystemTest : public kavotest::KavoTest, public ::testing::WithParamInterface<Kind> {
 protected:
-    FileSystemTest() : fDirectory("fileio") {}
-
     TFileSystem& FileSystem() {
         if (GetParam() == Kind::kFault) return fFault;
+        if (GetParam() == Kind::kCounting) return fCounting;
         return *engine::PlatformFileSystem();
     }
     std::string PathOf(const std::string& name) const { return fDirectory.File(name); }
@@ -67,98 +69,52 @@ protected:
         ASSERT_TRUE(file->Sync());
     }
 
-    std::string Content(const std::string& name) {
-        std::unique_ptr<TFile> file = Open(name, OpenMode::kReadOnly);
-        return file == nullptr ? "<not opened>" : ReadAll(*file);
-    }
-
-    kavotest::TTempDirectory fDirectory;
+    kavotest::TTempDirectory fDirectory{"fileio"};
     engine::TFaultFileSystem fFault;
+    engine::TCountingFileSystem fCounting{&fFault};
 };
 
-// An open that cannot succeed says why (or need not, when not asked), and
-// leaves no file behind.
-TEST_P(FileSystemTest, AnOpenThatFailsSaysWhy) {
+// An open that cannot succeed says why (or need not, when not asked) and
+// leaves no file behind, nor changes the one there; a rename takes a new
+// name or replaces the file of that name; a missing file can be neither
+// renamed nor removed.
+TEST_P(FileSystemTest, FailedOpensSayWhyAndOnlyFilesThereAreRenamedOrRemoved) {
     MakeFile("kept", "kept");
-    struct Case {
-        std::string fPath;
-        OpenMode fMode;
-        FileError fError;
-    };
-    const Case cases[] = {
+    const std::tuple<std::string, OpenMode, FileError> cases[] = {
         {PathOf("a"), OpenMode::kReadOnly, FileError::kNotFound},
         {PathOf("a"), OpenMode::kReadWrite, FileError::kNotFound},
         {PathOf("kept"), OpenMode::kCreateNew, FileError::kExists},
         {"", OpenMode::kCreateNew, FileError::kNotFound},
         {PathOf("a") + std::string(1, '\0') + "b", OpenMode::kCreateNew, FileError::kNotFound},
     };
-    for (const Case& c : cases) {
+    for (const auto& [path, mode, expected] : cases) {
         FileError error = FileError::kNone;
-        EXPECT_EQ(FileSystem().Open(c.fPath, c.fMode, &error), nullptr);
-        EXPECT_EQ(error, c.fError) << static_cast<int>(c.fMode);
-        EXPECT_EQ(FileSystem().Open(c.fPath, c.fMode, nullptr), nullptr);
+        EXPECT_EQ(FileSystem().Open(path, mode, &error), nullptr);
+        EXPECT_EQ(error, expected) << static_cast<int>(mode);
+        EXPECT_EQ(FileSystem().Open(path, mode, nullptr), nullptr);
     }
-    EXPECT_EQ(Content("kept"), "kept");
-    EXPECT_FALSE(FileSystem().Exists(PathOf("a")));
-    EXPECT_FALSE(FileSystem().Exists(""));
-    EXPECT_FALSE(FileSystem().Remove(""));
-}
+    EXPECT_FALSE(FileSystem().Exists(PathOf("a")) || FileSystem().Exists("") || FileSystem().Remove(""));
 
-// A file being created is held as exclusively as one opened for writing;
-// every lock goes with its file.
-TEST_P(FileSystemTest, OnlyReadersShareAFile) {
-    const std::pair<OpenMode, OpenMode> cases[] = {
-        {OpenMode::kReadWrite, OpenMode::kReadWrite}, {OpenMode::kReadWrite, OpenMode::kReadOnly},
-        {OpenMode::kReadOnly, OpenMode::kReadWrite},  {OpenMode::kReadOnly, OpenMode::kReadOnly},
-        {OpenMode::kCreateNew, OpenMode::kReadOnly},
-    };
-    for (const auto& [firstMode, secondMode] : cases) {
-        const std::string name =
-            "f" + std::to_string(static_cast<int>(firstMode) * 10 + static_cast<int>(secondMode));
-        SCOPED_TRACE(name);
-        if (firstMode != OpenMode::kCreateNew) MakeFile(name, "data");
-        std::unique_ptr<TFile> first = Open(name, firstMode);
-        ASSERT_NE(first, nullptr);
-        FileError error = FileError::kNone;
-        std::unique_ptr<TFile> second = Open(name, secondMode, &error);
-        if (firstMode == OpenMode::kReadOnly && secondMode == OpenMode::kReadOnly) {
-            ASSERT_NE(second, nullptr);
-            EXPECT_EQ(ReadAll(*second), "data");
-        } else {
-            EXPECT_EQ(second, nullptr);
-            EXPECT_EQ(error, FileError::kLocked);
-        }
-        first.reset();
-        second.reset();
-        EXPECT_NE(Open(name, OpenMode::kReadWrite), nullptr);
-    }
-}
-
-TEST_P(FileSystemTest, FilesAreRemovedAndRenamed) {
-    MakeFile("a", "first");
     MakeFile("b", "second");
-
-    EXPECT_TRUE(FileSystem().Rename(PathOf("a"), PathOf("c")));
-    EXPECT_FALSE(FileSystem().Exists(PathOf("a")));
-    EXPECT_EQ(Content("c"), "first");
-
-    EXPECT_TRUE(FileSystem().Rename(PathOf("c"), PathOf("b")));  // replaces b
-    EXPECT_FALSE(FileSystem().Exists(PathOf("c")));
-    EXPECT_EQ(Content("b"), "first");
-
-    EXPECT_FALSE(FileSystem().Rename(PathOf("missing"), PathOf("d")));
-    EXPECT_FALSE(FileSystem().Exists(PathOf("d")));
-
+    EXPECT_TRUE(FileSystem().Rename(PathOf("kept"), PathOf("c")));
+    EXPECT_TRUE(FileSystem().Rename(PathOf("c"), PathOf("b")));
+    EXPECT_FALSE(FileSystem().Exists(PathOf("kept")) || FileSystem().Exists(PathOf("c")));
+    std::unique_ptr<TFile> file = Open("b", OpenMode::kReadOnly);
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(ReadAll(*file), "kept");
+    file.reset();
+    EXPECT_FALSE(FileSystem().Rename(PathOf("missing"), PathOf("d")) || FileSystem().Exists(PathOf("d")));
     EXPECT_TRUE(FileSystem().Remove(PathOf("b")));
-    EXPECT_FALSE(FileSystem().Exists(PathOf("b")));
-    EXPECT_FALSE(FileSystem().Remove(PathOf("b")));
-    EXPECT_EQ(Open("b", OpenMode::kReadOnly), nullptr);
+    EXPECT_FALSE(FileSystem().Exists(PathOf("b")) || FileSystem().Remove(PathOf("b")));
 }
 
 // Random writes (some empty, of no bytes at all), reads and truncations
 // against a plain string, with the file closed and opened again now and
 // then, read-only or not. Reads are short only at the end; gaps read as
-// zeros; a file open for reading refuses writes and truncations.
+// zeros; a file open for reading refuses writes and truncations. Only
+// readers share a file: a second open joins a reader to a reader and is
+// refused otherwise, a file being created included; every lock goes with
+// its file.
 TEST_P(FileSystemTest, RandomOperationsMatchAModel) {
     std::mt19937 random(20240611);
     std::string model;
@@ -193,6 +149,13 @@ TEST_P(FileSystemTest, RandomOperationsMatchAModel) {
         } else if (choice < 96) {
             ASSERT_TRUE(file->Sync());
         } else {
+            const OpenMode second = random() % 2 == 0 ? OpenMode::kReadOnly : OpenMode::kReadWrite;
+            FileError error = FileError::kNone;
+            std::unique_ptr<TFile> other = Open("model", second, &error);
+            const bool shared = readOnly && second == OpenMode::kReadOnly;
+            ASSERT_EQ(other != nullptr, shared);
+            ASSERT_TRUE(shared || error == FileError::kLocked) << static_cast<int>(error);
+            other.reset();
             file.reset();
             readOnly = random() % 3 == 0;
             file = Open("model", readOnly ? OpenMode::kReadOnly : OpenMode::kReadWrite);
@@ -202,21 +165,19 @@ TEST_P(FileSystemTest, RandomOperationsMatchAModel) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, FileSystemTest, ::testing::Values(Kind::kPlatform, Kind::kFault),
-                         [](const ::testing::TestParamInfo<Kind>& info) {
-                             return info.param == Kind::kPlatform ? "Platform" : "Fault";
-                         });
+std::string KindName(const ::testing::TestParamInfo<Kind>& info) {
+    return kKindNames[static_cast<int>(info.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(, FileSystemTest, ::testing::Values(Kind::kPlatform, Kind::kFault, Kind::kCounting),
+                         KindName);
 
 // ---------------------------------------------------------------------------
 // The platform's file system only
 
-class PlatformFileSystemTest : public kavotest::KavoTest {
-protected:
-    PlatformFileSystemTest() : fDirectory("platformio") {}
-    TFileSystem& FileSystem() { return *engine::PlatformFileSystem(); }
+using PlatformFileSystemTest = FileSystemTest;
 
-    kavotest::TTempDirectory fDirectory;
-};
+INSTANTIATE_TEST_SUITE_P(, PlatformFileSystemTest, ::testing::Values(Kind::kPlatform), KindName);
 
 // On Windows a write far beyond the end fills the gap on the disk; only Wine
 // (over a POSIX file system) leaves it sparse.
@@ -229,38 +190,37 @@ bool SparseFilesAreCheap() {
 #endif
 }
 
-TEST_F(PlatformFileSystemTest, OffsetsBeyondFourGiBAreKeptWhole) {
+// Writes, reads, sizes and truncations reach past 4 GiB without being cut
+// to 32 bits.
+TEST_P(PlatformFileSystemTest, OffsetsBeyondFourGiBAreKeptWhole) {
     if (!SparseFilesAreCheap()) GTEST_SKIP() << "the gap would be written out on this system";
     const std::uint64_t kFourGiB = std::uint64_t{1} << 32;
-    const std::string path = fDirectory.File("large");
-    std::unique_ptr<TFile> file = FileSystem().Open(path, OpenMode::kCreateNew, nullptr);
+    std::unique_ptr<TFile> file = Open("large", OpenMode::kCreateNew);
     ASSERT_NE(file, nullptr);
     ASSERT_TRUE(WriteText(*file, 0, "head"));
-    if (!WriteText(*file, kFourGiB + kFourGiB / 4 + 3, "tail")) {
+    if (!WriteText(*file, kFourGiB, "high")) {  // would land on "head" if cut to 32 bits
         file->Truncate(0);
         GTEST_SKIP() << "the file system refuses a sparse file this large";
     }
-    ASSERT_TRUE(WriteText(*file, kFourGiB, "high"));  // would land on "head" if cut to 32 bits
-
     std::uint64_t size = 0;
     EXPECT_TRUE(file->Size(&size));
-    EXPECT_EQ(size, kFourGiB + kFourGiB / 4 + 7);
-    const auto readAt = [&](std::uint64_t offset) {
-        char buffer[8] = {};
-        std::size_t read = 0;
-        return file->ReadAt(offset, buffer, sizeof buffer, &read) ? std::string(buffer, read) : "<no read>";
-    };
-    EXPECT_EQ(readAt(0), std::string("head\0\0\0\0", 8));
-    EXPECT_EQ(readAt(kFourGiB - 4), std::string("\0\0\0\0high", 8));
-    EXPECT_EQ(readAt(kFourGiB + kFourGiB / 4 + 3), "tail");
+    EXPECT_EQ(size, kFourGiB + 4);
+    char buffer[8] = {};
+    std::size_t read = 0;
+    EXPECT_TRUE(file->ReadAt(0, buffer, sizeof buffer, &read));
+    EXPECT_EQ(std::string(buffer, read), std::string("head\0\0\0\0", 8));
+    EXPECT_TRUE(file->ReadAt(kFourGiB - 4, buffer, sizeof buffer, &read));
+    EXPECT_EQ(std::string(buffer, read), std::string("\0\0\0\0high", 8));
     EXPECT_TRUE(file->Truncate(kFourGiB + 2));
     EXPECT_TRUE(file->Size(&size));
     EXPECT_EQ(size, kFourGiB + 2);
     EXPECT_TRUE(file->Truncate(0));
 }
 
-TEST_F(PlatformFileSystemTest, ADirectoryIsNotAFileAndAMissingOneMeansNotFound) {
-    const std::string path = fDirectory.File("folder");
+// A directory exists but opens as no file, in any mode, and cannot be
+// removed as one; a file in a missing directory is not found.
+TEST_P(PlatformFileSystemTest, ADirectoryIsNotAFileAndAMissingOneMeansNotFound) {
+    const std::string path = PathOf("folder");
     std::filesystem::create_directory(path);
     const std::pair<OpenMode, FileError> cases[] = {{OpenMode::kReadOnly, FileError::kDenied},
                                                     {OpenMode::kReadWrite, FileError::kDenied},
@@ -273,17 +233,8 @@ TEST_F(PlatformFileSystemTest, ADirectoryIsNotAFileAndAMissingOneMeansNotFound) 
     EXPECT_TRUE(FileSystem().Exists(path));
     EXPECT_FALSE(FileSystem().Remove(path));
     FileError error = FileError::kNone;
-    EXPECT_EQ(FileSystem().Open(fDirectory.File("none") + "/a", OpenMode::kCreateNew, &error), nullptr);
+    EXPECT_EQ(Open("none/a", OpenMode::kCreateNew, &error), nullptr);
     EXPECT_EQ(error, FileError::kNotFound);
-}
-
-TEST_F(PlatformFileSystemTest, TheEngineUsesThePlatformsUnlessATestInstallsAnother) {
-    EXPECT_EQ(engine::CurrentFileSystem(), engine::PlatformFileSystem());
-    engine::TFaultFileSystem fault;
-    engine::InstallFileSystem(&fault);
-    EXPECT_EQ(engine::CurrentFileSystem(), &fault);
-    engine::InstallFileSystem(nullptr);
-    EXPECT_EQ(engine::CurrentFileSystem(), engine::PlatformFileSystem());
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The status log: two lines per entry, the code after the message unless it
 // is 0 or the entry is fatal, long messages cut; and the fatal paths, which
 // end the process.
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -9,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "engine/EngineErrors.h"
@@ -26,28 +26,6 @@ namespace {
 constexpr const char* kLogName = "DBSTATUS.LOG";
 constexpr const char* kDirectoryVariable = "KAVO_STATUSLOG_TEST_DIRECTORY";
 
-void SetVariable(const char* name, const std::string& value) {
-#ifdef _WIN32
-    SetEnvironmentVariableA(name, value.empty() ? nullptr : value.c_str());
-#else
-    if (value.empty())
-        unsetenv(name);
-    else
-        setenv(name, value.c_str(), 1);
-#endif
-}
-
-std::string GetVariable(const char* name) {
-#ifdef _WIN32
-    char value[MAX_PATH + 1] = {};
-    const DWORD length = GetEnvironmentVariableA(name, value, sizeof value);
-    return length > 0 && length < sizeof value ? std::string(value, length) : std::string();
-#else
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
-#endif
-}
-
 // Each test runs in a temporary current directory. A death test's child that
 // starts the program over (the only kind on Windows) begins in the directory
 // the program started in; it finds its parent's through the environment, so
@@ -57,24 +35,25 @@ protected:
     void SetUp() override {
         if (::testing::internal::InDeathTestChild()) {
             // Never log into the directory the program started in.
-            const std::string parents = GetVariable(kDirectoryVariable);
-            ASSERT_FALSE(parents.empty()) << "the parent's directory is not known";
+            const char* parents = std::getenv(kDirectoryVariable);
+            ASSERT_NE(parents, nullptr) << "the parent's directory is not known";
             std::filesystem::current_path(parents);
             return;
         }
         fDirectory = std::make_unique<kavotest::TTempDirectory>("statuslog");
         fPrevious = std::filesystem::current_path();
         std::filesystem::current_path(fDirectory->Path());
-        SetVariable(kDirectoryVariable, fDirectory->Path().string());
+        // Each test sets it afresh; a child started over inherits it.
+#ifdef _WIN32
+        SetEnvironmentVariableA(kDirectoryVariable, fDirectory->Path().string().c_str());
+#else
+        setenv(kDirectoryVariable, fDirectory->Path().c_str(), 1);
+#endif
     }
 
     void TearDown() override {
         engine::SetLowError(0);
-        if (fDirectory != nullptr) {
-            SetVariable(kDirectoryVariable, "");
-            std::filesystem::current_path(fPrevious);
-        }
-        fDirectory.reset();
+        if (fDirectory != nullptr) std::filesystem::current_path(fPrevious);
         KavoTest::TearDown();
     }
 
@@ -109,19 +88,11 @@ protected:
 // user and the message, cut at 256 characters, and the code after it unless
 // it is 0 or the entry is fatal. The call answers the code (0 when fatal).
 TEST_F(StatusLogTest, AnEntryIsTheDateLineThenTheUserTheMessageAndAnyCode) {
-    {
-        std::ofstream earlier(kLogName, std::ios::binary);
-        earlier << "an earlier run\n";
-    }
-    struct Entry {
-        const char* fMessage;
-        std::int16_t fCode;
-        std::int16_t fAnswer;
-        std::string fLine;
-    };
+    std::ofstream(kLogName, std::ios::binary) << "an earlier run\n";
     const std::string longMessage(100000, 'm');
     const std::string cutMessage = std::string(256, 'e') + "cut";
-    const Entry entries[] = {
+    // The message, the code, the answer, and the line.
+    const std::tuple<const char*, std::int16_t, std::int16_t, std::string> entries[] = {
         {"index damaged", 0, 0, "index damaged"},
         {kMsgNodeBeyondEnd, kLowNodeBeyondEnd, 519, "node exceeds logical index EOF: 519"},
         {"negative", -5, -5, "negative: -5"},
@@ -131,24 +102,31 @@ TEST_F(StatusLogTest, AnEntryIsTheDateLineThenTheUserTheMessageAndAnyCode) {
         {nullptr, 7, 7, ": 7"},
     };
     const std::time_t before = std::time(nullptr);
-    for (const Entry& entry : entries) EXPECT_EQ(LogStatus(entry.fMessage, entry.fCode), entry.fAnswer);
+    for (const auto& [message, code, answer, line] : entries) EXPECT_EQ(LogStatus(message, code), answer);
     const std::time_t after = std::time(nullptr);
 
     const std::vector<std::string> lines = LogLines();
     ASSERT_EQ(lines.size(), 1 + 2 * std::size(entries));
     EXPECT_EQ(lines[0], "an earlier run");
     for (std::size_t i = 0; i < std::size(entries); ++i) {
-        EXPECT_EQ(lines[1 + 2 * i].size(), 24u);
         EXPECT_TRUE(IsDateBetween(lines[1 + 2 * i], before, after)) << lines[1 + 2 * i];
-        EXPECT_EQ(lines[2 + 2 * i], " - User# 01\t" + entries[i].fLine);
+        EXPECT_EQ(lines[2 + 2 * i], " - User# 01\t" + std::get<3>(entries[i]));
     }
 }
 
-// The child logs the message as a fatal entry: no code.
-TEST_F(StatusLogTest, AFatalErrorLogsAndEndsTheProcessWithItsNumber) {
+// FatalError logs the message as a fatal entry (no code) and ends the
+// process with its number; FatalErrorAt prints where it failed, logs
+// nothing and ends it with 100.
+TEST_F(StatusLogTest, TheFatalPathsEndTheProcessWithTheirNumbers) {
     EXPECT_EXIT(FatalError(kFatalBadHostFileNumber), ::testing::ExitedWithCode(22), "error #22 low_err=0");
     engine::SetLowError(kLowNodeBeyondEnd);
     EXPECT_EXIT(FatalError(kFatalNodeAtZero), ::testing::ExitedWithCode(237), "error #237 low_err=519");
+    EXPECT_EXIT(FatalErrorAt("WriteNode", 3, 120, 5, 0x1f, 519), ::testing::ExitedWithCode(100),
+                "WriteNode\\s+M3 L120 F5 P1fx  ErrorCode=519");
+    EXPECT_EXIT(FatalErrorAt("Seek", 1, 2, 3, 0x123456789abULL, -1), ::testing::ExitedWithCode(100),
+                "Seek\\s+M1 L2 F3 P123456789abx  ErrorCode=-1");
+    EXPECT_EXIT(FatalErrorAt(nullptr, 0, 0, 0, 0, 0), ::testing::ExitedWithCode(100),
+                "M0 L0 F0 P0x  ErrorCode=0");
 
     const std::vector<std::string> lines = LogLines();
     ASSERT_EQ(lines.size(), 4u);
@@ -156,16 +134,7 @@ TEST_F(StatusLogTest, AFatalErrorLogsAndEndsTheProcessWithItsNumber) {
     EXPECT_EQ(lines[3], " - User# 01\tFatal engine error #237 low_err=519");
 }
 
-TEST_F(StatusLogTest, TheSecondFatalPathPrintsWhereItFailedAndEndsWith100) {
-    EXPECT_EXIT(FatalErrorAt("WriteNode", 3, 120, 5, 0x1f, 519), ::testing::ExitedWithCode(100),
-                "WriteNode\\s+M3 L120 F5 P1fx  ErrorCode=519");
-    EXPECT_EXIT(FatalErrorAt("Seek", 1, 2, 3, 0x123456789abULL, -1), ::testing::ExitedWithCode(100),
-                "Seek\\s+M1 L2 F3 P123456789abx  ErrorCode=-1");
-    EXPECT_EXIT(FatalErrorAt(nullptr, 0, 0, 0, 0, 0), ::testing::ExitedWithCode(100),
-                "M0 L0 F0 P0x  ErrorCode=0");
-    EXPECT_TRUE(LogLines().empty());  // this path does not log
-}
-
+// The log is opened for each entry; when it cannot be, the process ends.
 TEST_F(StatusLogTest, ALogThatCannotBeOpenedEndsTheProcessWith10) {
     std::filesystem::create_directory(kLogName);
     EXPECT_EXIT(LogStatus("entry that is lost", 519), ::testing::ExitedWithCode(10),

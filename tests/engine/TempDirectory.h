@@ -19,20 +19,13 @@ public:
         // The clock and a counter make the name unique even where
         // random_device is deterministic (older MinGW runtimes).
         static std::uint64_t counter = 0;
-        std::random_device device;
         const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-        const std::filesystem::path base = std::filesystem::temp_directory_path();
-        for (int attempt = 0; attempt < 100; ++attempt) {
-            const std::string name = "kavo-" + tag + "-" + std::to_string(device()) + "-" +
-                                     std::to_string(static_cast<std::uint64_t>(now)) + "-" +
-                                     std::to_string(++counter);
-            std::error_code error;
-            if (std::filesystem::create_directory(base / name, error)) {
-                fPath = base / name;
-                return;
-            }
-        }
-        throw std::runtime_error("no temporary directory could be made");
+        fPath = std::filesystem::temp_directory_path() /
+                ("kavo-" + tag + "-" + std::to_string(std::random_device()()) + "-" +
+                 std::to_string(static_cast<std::uint64_t>(now)) + "-" + std::to_string(++counter));
+        std::error_code error;
+        if (!std::filesystem::create_directory(fPath, error))
+            throw std::runtime_error("no temporary directory could be made");
     }
 
     ~TTempDirectory() {

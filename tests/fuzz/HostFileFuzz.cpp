@@ -10,7 +10,6 @@
 #include "engine/Engine.h"
 #include "engine/FaultFileIO.h"
 #include "engine/FileIO.h"
-#include "engine/Pager.h"
 #include "tests/engine/EngineFixture.h"
 #include "tests/engine/Reseal.h"
 #include "tests/fuzz/HostFileFuzzInput.h"

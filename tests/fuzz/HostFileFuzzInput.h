@@ -37,16 +37,16 @@ inline std::string EncodeFuzzInput(const TFuzzInput& input) {
     return bytes + input.fHost + input.fLog;
 }
 
+// Missing bytes of the flags and the length count as zeros.
 inline TFuzzInput DecodeFuzzInput(const std::uint8_t* data, std::size_t size) {
+    std::string bytes(reinterpret_cast<const char*>(data), size);
+    bytes.resize(std::max<std::size_t>(size, 5), '\0');
     TFuzzInput input;
-    if (size == 0) return input;
-    input.fFlags = data[0];
+    input.fFlags = static_cast<std::uint8_t>(bytes[0]);
     std::uint32_t length = 0;
-    for (std::size_t i = 0; i < 4 && 1 + i < size; ++i) length |= std::uint32_t{data[1 + i]} << (8 * i);
-    const std::size_t start = size < 5 ? size : 5;
-    const std::size_t host = std::min<std::size_t>(length, size - start);
-    input.fHost.assign(reinterpret_cast<const char*>(data) + start, host);
-    input.fLog.assign(reinterpret_cast<const char*>(data) + start + host, size - start - host);
+    for (int i = 0; i < 4; ++i) length |= std::uint32_t{static_cast<std::uint8_t>(bytes[1 + i])} << (8 * i);
+    input.fHost = bytes.substr(5, length);
+    input.fLog = bytes.substr(5 + input.fHost.size());
     return input;
 }
 
