@@ -1,12 +1,10 @@
 #include "tests/rm/RmTestSupport.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <stdexcept>
 #include <system_error>
 
 #include "Rm/Common/Source/Rmclock.h"
@@ -22,31 +20,11 @@ std::uint32_t FakeClock() {
 
 }  // namespace
 
-TCurrentTempDirectory::TCurrentTempDirectory() : fPrevious(std::filesystem::current_path()) {
-    static std::uint64_t counter = 0;
-    std::random_device device;
-    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    const std::filesystem::path base = std::filesystem::temp_directory_path();
-    for (int attempt = 0; attempt < 100 && fPath.empty(); ++attempt) {
-        const std::string name = "kavo-rm-" + std::to_string(device()) + "-" +
-                                 std::to_string(static_cast<std::uint64_t>(now)) + "-" +
-                                 std::to_string(++counter);
-        std::error_code error;
-        if (std::filesystem::create_directory(base / name, error)) fPath = base / name;
-    }
-    if (fPath.empty()) throw std::runtime_error("no temporary directory could be made");
-    std::filesystem::current_path(fPath);
-}
-
-TCurrentTempDirectory::~TCurrentTempDirectory() {
-    std::error_code ignored;
-    std::filesystem::current_path(fPrevious, ignored);
-    std::filesystem::remove_all(fPath, ignored);
-}
-
 void RmTest::SetUp() {
     KavoTest::SetUp();
-    fDirectory = new TCurrentTempDirectory;
+    fPrevious = std::filesystem::current_path();
+    fDirectory = std::make_unique<TTempDirectory>("rm");
+    std::filesystem::current_path(fDirectory->Path());
     // Each test draws from a different stretch of seconds.
     gFakeSeconds = static_cast<std::uint32_t>(std::random_device{}());
     rm::SetClockForTests(&FakeClock);
@@ -54,8 +32,10 @@ void RmTest::SetUp() {
 
 void RmTest::TearDown() {
     rm::SetClockForTests(nullptr);
-    delete fDirectory;
-    fDirectory = nullptr;
+    // The directory is left before it is removed.
+    std::error_code ignored;
+    std::filesystem::current_path(fPrevious, ignored);
+    fDirectory.reset();
     KavoTest::TearDown();
 }
 
@@ -104,22 +84,12 @@ std::vector<std::uint8_t> FileBytes(const std::string& path) {
     return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-namespace {
-
-std::string UpToNul(const char* text, std::size_t bound) {
-    std::size_t length = 0;
-    while (length < bound && text[length] != '\0') ++length;
-    return std::string(text, length);
-}
-
-}  // namespace
-
 std::string TypeString(const char* type) {
-    return UpToNul(type, 4);
+    return std::string(type, std::find(type, type + 4, '\0'));
 }
 
 std::string NameString(const char* name) {
-    return UpToNul(name, 32);
+    return std::string(name, std::find(name, name + 32, '\0'));
 }
 
 }  // namespace kavotest

@@ -7,33 +7,20 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "kavoDVDB.h"
+#include "tests/engine/TempDirectory.h"
 #include "tests/support/KavoTest.h"
 
 namespace kavotest {
 
-// Makes a fresh directory, makes it current, and on destruction goes back
-// and removes it with everything in it.
-class TCurrentTempDirectory {
-public:
-    TCurrentTempDirectory();
-    ~TCurrentTempDirectory();
-    TCurrentTempDirectory(const TCurrentTempDirectory&) = delete;
-    TCurrentTempDirectory& operator=(const TCurrentTempDirectory&) = delete;
-
-    const std::filesystem::path& Path() const { return fPath; }
-
-private:
-    std::filesystem::path fPath;
-    std::filesystem::path fPrevious;
-};
-
-// The base of the record manager's tests: a current temporary directory and
-// a fake clock that moves one second on at every reading, so that drawing a
-// reference number never waits for the clock.
+// The base of the record manager's tests: a current temporary directory,
+// removed with everything in it afterwards, and a fake clock that moves one
+// second on at every reading, so that drawing a reference number never
+// waits for the clock.
 class RmTest : public KavoTest {
 protected:
     void SetUp() override;
@@ -45,8 +32,18 @@ protected:
     // A refusal: the call answered this code and made this report.
     void ExpectRefused(std::int16_t result, std::int16_t code, const std::string& report);
 
-    TCurrentTempDirectory* fDirectory = nullptr;
+    std::unique_ptr<TTempDirectory> fDirectory;
+
+private:
+    std::filesystem::path fPrevious;
 };
+
+// What a call wrote to `out`, once it has answered kNoError.
+template <typename T>
+T Answer(std::int16_t result, const T& out) {
+    EXPECT_EQ(result, kNoError);
+    return out;
+}
 
 // A new handle holding the bytes.
 MSHandle NewHandleWith(const std::vector<std::uint8_t>& bytes);
