@@ -4,6 +4,7 @@
 // A test states each report it provokes with ExpectReported; any report left
 // over at the end fails the test, so an unexpected assertion never passes
 // unnoticed. With the reports compiled out, ExpectReported checks nothing.
+// At its end a test also leaves no refusal of system allocations armed.
 #ifndef KAVO_TESTS_SUPPORT_KAVOTEST_H
 #define KAVO_TESTS_SUPPORT_KAVOTEST_H
 
@@ -22,38 +23,25 @@ struct Report {
     int fLine;
 };
 
-class AssertionCapture {
-public:
-    AssertionCapture();
-    ~AssertionCapture();
-    AssertionCapture(const AssertionCapture&) = delete;
-    AssertionCapture& operator=(const AssertionCapture&) = delete;
+class KavoTest : public ::testing::Test {
+protected:
+    KavoTest();
+    ~KavoTest() override;
+    void TearDown() override;
 
+    // At least one report of this expression was made since the last call.
+    void ExpectReported(const std::string& expression) { ExpectReportedTimes(expression, -1); }
+    // Exactly `times` reports of this expression (-1: at least one).
+    void ExpectReportedTimes(const std::string& expression, int times);
+    // Forgets every report so far (for steps whose reports are not the point).
+    void IgnoreReports() { fReports.clear(); }
     std::vector<Report>& Reports() { return fReports; }
-    // Removes the reports of this expression and says how many there were.
-    int Take(const std::string& expression);
 
 private:
     static void Hook(const char* expression, const char* file, int line);
 
     std::vector<Report> fReports;
     kavo::AssertionHook fPrevious;
-};
-
-class KavoTest : public ::testing::Test {
-protected:
-    void TearDown() override;
-
-    // At least one report of this expression was made since the last call.
-    void ExpectReported(const std::string& expression);
-    // Exactly `times` reports of this expression.
-    void ExpectReportedTimes(const std::string& expression, int times);
-    // Forgets every report so far (for steps whose reports are not the point).
-    void IgnoreReports() { fCapture.Reports().clear(); }
-    std::vector<Report>& Reports() { return fCapture.Reports(); }
-
-private:
-    AssertionCapture fCapture;
 };
 
 }  // namespace kavotest

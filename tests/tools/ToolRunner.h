@@ -1,5 +1,5 @@
 // Runs a command-line program the way a shell user would, capturing what it
-// writes and how it ends, in a fresh directory of its own.
+// writes and how it ends, in a directory of its own.
 #ifndef KAVO_TESTS_TOOLS_TOOLRUNNER_H
 #define KAVO_TESTS_TOOLS_TOOLRUNNER_H
 
@@ -8,28 +8,16 @@
 
 namespace kavotest {
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object goes.
-class TScratchDirectory {
-public:
-    TScratchDirectory();
-    ~TScratchDirectory();
-    TScratchDirectory(const TScratchDirectory&) = delete;
-    TScratchDirectory& operator=(const TScratchDirectory&) = delete;
-
-    const std::string& Path() const { return fPath; }
-    std::string File(const std::string& name) const { return fPath + "/" + name; }
-
-private:
-    std::string fPath;
-};
-
 struct TRunResult {
     bool fExited = false;  // false: it ended by a signal (a crash)
     int fExitCode = -1;
     std::string fOut;
     std::string fErr;
 };
+
+// A fresh directory under the system's temporary directory; whoever asked for
+// it removes it.
+std::string MakeScratchDirectory();
 
 // Runs program with the arguments, each passed as it is, in directory, with
 // input as its standard input.
