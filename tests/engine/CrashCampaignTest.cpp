@@ -15,6 +15,7 @@
 #if !defined(_WIN32)
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,7 +28,6 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/engine/CampaignSupport.h"
@@ -66,13 +66,21 @@ void Say(int out, const std::string& line) {
     }
 }
 
-// Everything the child said, up to the pipe's end.
-std::string ReadAll(int in) {
-    std::string text;
+// What the child says until the deadline (read as it comes, so that a full
+// pipe never holds the child up) or, without one, up to the pipe's end.
+void ReadChild(int in, std::string* text, std::chrono::steady_clock::time_point deadline = {}) {
     char buffer[65536];
-    for (ssize_t n; (n = ::read(in, buffer, sizeof buffer)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(n));
-    return text;
+    for (;;) {
+        if (deadline != std::chrono::steady_clock::time_point{}) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd ready{in, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) return;
+        }
+        const ssize_t n = ::read(in, buffer, sizeof buffer);
+        if (n <= 0) return;
+        text->append(buffer, static_cast<std::size_t>(n));
+    }
 }
 
 // Goes through the child's lines, checking each answer against the model:
@@ -125,9 +133,10 @@ TEST(CrashCampaignTest, AKilledProcessKeepsEveryAcknowledgedOperationAndNothingH
             RunChild(db.Path(), seed, pipeEnds[1], model);
         }
         ::close(pipeEnds[1]);
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        std::string text;
+        ReadChild(pipeEnds[0], &text, std::chrono::steady_clock::now() + std::chrono::milliseconds(delay));
         ::kill(child, SIGKILL);
-        const std::string text = ReadAll(pipeEnds[0]);
+        ReadChild(pipeEnds[0], &text);
         ::close(pipeEnds[0]);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
