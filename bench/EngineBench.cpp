@@ -1,9 +1,11 @@
 // The keyed file engine at growing sizes: single adds, point reads through
 // each index, k-th key, range counts and deletes, at 10,000, 100,000 and
-// 1,000,000 keys (or the sizes given). For each phase: microseconds per
-// operation, and the bytes (and 4 KiB pages' worth) written per operation,
-// log and checkpoints included; after the adds, file bytes per record; at the
-// end, the peak memory of the process.
+// 1,000,000 keys (or the sizes given). For each phase, per operation:
+// microseconds (wall and CPU); pages visited (fetched from the cache or the
+// file, or allocated: the trees' work, which grows with their height); pages
+// copied or allocated; 4 KiB pages' worth and bytes written, log and
+// checkpoints included; pages read from the file. After the adds, file bytes
+// per record; at the end, the peak memory of the process.
 //
 // Options: --dir DIRECTORY (default /var/tmp), --cache-mib N (the page cache,
 // default 64 MiB), then the sizes.
@@ -12,10 +14,13 @@
 // part: type, ID, name) with 200 bytes of data, added in ID order (as a
 // host numbering its media adds them); reads and deletes go in random order.
 //
-// Each phase shows wall time and CPU time per operation: the difference is
-// time spent waiting for the disk (writes and syncs at checkpoints, reads of
-// pages the cache does not hold), which depends on the file's size against
-// the cache rather than on the trees' height.
+// The difference between wall and CPU time is time spent waiting for the
+// disk (writes and syncs at write-backs and checkpoints). Time grows faster
+// than the pages visited once the file outgrows the page cache (pages come
+// from the operating system's cache, a system call and a checksum each) and
+// the processor's caches; and changes written per operation grow until the
+// file outgrows what one checkpoint's window of copies covers, past which a
+// random change copies each page it changes once, a bounded number.
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -112,6 +117,10 @@ struct TPhase {
     double fCpuSeconds = 0;
     std::uint64_t fBytes = 0;
     std::uint64_t fBytesRead = 0;
+    // From the pager, when the host file stayed open through the phase.
+    bool fCounted = false;
+    std::uint64_t fVisits = 0;
+    std::uint64_t fAllocated = 0;
 };
 
 double CpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
@@ -136,13 +145,21 @@ void RunSize(std::uint32_t n, const std::string& directory) {
     std::mt19937 random(n);
     const std::uint32_t samples = std::min<std::uint32_t>(n, 100000);
     std::vector<TPhase> phases;
-    auto time = [&](const char* name, std::uint64_t ops, auto&& body) {
+    // Phases that close the host file have no pager counters of their own.
+    auto time = [&](const char* name, std::uint64_t ops, auto&& body, bool counted = true) {
         counting.ResetCounters();
+        const engine::TPagerStats* stats = HostFileStats(0);
+        const engine::TPagerStats before = stats != nullptr ? *stats : engine::TPagerStats{};
         const auto start = Clock::now();
         const double cpuStart = CpuSeconds();
         body();
         TPhase phase{name, ops, std::chrono::duration<double>(Clock::now() - start).count(),
                      CpuSeconds() - cpuStart, counting.Counters().fBytesWritten, counting.Counters().fBytesRead};
+        if (counted && stats != nullptr && HostFileStats(0) == stats) {
+            phase.fCounted = true;
+            phase.fVisits = stats->fPageVisits - before.fPageVisits;
+            phase.fAllocated = stats->fPagesAllocated - before.fPagesAllocated;
+        }
         phases.push_back(phase);
     };
 
@@ -159,7 +176,7 @@ void RunSize(std::uint32_t n, const std::string& directory) {
         if (OpenHostFile(0, path.c_str(), kHostOpenReadWrite) != kEngineNoError) Fail("OpenHostFile", 0);
         db.fDefinition.fDataFileNumber = -1;
         if (OpenFilesFromDefinition(&db.fDefinition) != kEngineNoError) Fail("OpenFilesFromDefinition", 0);
-    });
+    }, false);
     std::uint64_t fileBytes = 0;
     {
         std::error_code ignored;
@@ -216,19 +233,25 @@ void RunSize(std::uint32_t n, const std::string& directory) {
     time("close", 1, [&] {
         CloseFilesFromDefinition(&db.fDefinition);
         if (CloseHostFile(0, 0) != kEngineNoError) Fail("CloseHostFile", 0);
-    });
+    }, false);
     EngineStop();
     engine::InstallFileSystem(nullptr);
     std::filesystem::remove(path);
 
     std::printf("\n%u keys: file %.1f MiB after the adds, %.0f bytes per record\n", n, fileBytes / 1048576.0,
                 double(fileBytes) / n);
-    std::printf("  %-22s %10s %9s %9s %13s %13s %12s\n", "phase", "operations", "us/op", "cpu us/op",
-                "written B/op", "written pg/op", "read pg/op");
+    std::printf("  %-22s %10s %9s %9s %10s %10s %10s %9s %9s\n", "phase", "operations", "us/op", "cpu us/op",
+                "visits/op", "copies/op", "written/op", "B wr/op", "read/op");
     for (const TPhase& p : phases) {
-        std::printf("  %-22s %10" PRIu64 " %9.2f %9.2f %13.0f %13.3f %12.3f\n", p.fName, p.fOps,
-                    p.fSeconds * 1e6 / p.fOps, p.fCpuSeconds * 1e6 / p.fOps, double(p.fBytes) / p.fOps,
-                    double(p.fBytes) / 4096.0 / p.fOps, double(p.fBytesRead) / 4096.0 / p.fOps);
+        std::printf("  %-22s %10" PRIu64 " %9.2f %9.2f", p.fName, p.fOps, p.fSeconds * 1e6 / p.fOps,
+                    p.fCpuSeconds * 1e6 / p.fOps);
+        if (p.fCounted) {
+            std::printf(" %10.2f %10.3f", double(p.fVisits) / p.fOps, double(p.fAllocated) / p.fOps);
+        } else {
+            std::printf(" %10s %10s", "-", "-");
+        }
+        std::printf(" %10.3f %9.0f %9.3f\n", double(p.fBytes) / 4096.0 / p.fOps, double(p.fBytes) / p.fOps,
+                    double(p.fBytesRead) / 4096.0 / p.fOps);
     }
     std::printf("  peak memory of the process so far: %.1f MiB\n", PeakKilobytes() / 1024.0);
 }

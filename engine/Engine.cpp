@@ -281,6 +281,12 @@ std::int16_t CloseHostFile(std::int16_t fileNumber, std::uint16_t) {
     return Result(error, fileNumber);
 }
 
+const engine::TPagerStats* HostFileStats(std::int16_t fileNumber) {
+    if (!gEngine.fInitialised || !InRange(fileNumber) || gEngine.fSlots[fileNumber].fKind != SlotKind::kHost)
+        return nullptr;
+    return &gEngine.fSlots[fileNumber].fHost->Stats();
+}
+
 // ---------------------------------------------------------------------------
 // Member files
 

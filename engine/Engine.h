@@ -202,4 +202,12 @@ using TProgress = std::function<void(std::uint32_t done, std::uint32_t total)>;
 // fProblems), kFileNotOpened when it could not be opened at all.
 std::int16_t CheckHostFile(const char* name, TIntegrityReport* report, const TProgress& progress = {});
 
+// What an open host file's pager has done since it was opened (pages
+// visited, allocated, read and written, log bytes, checkpoints, syncs), for
+// benchmarks; null when the number names no open host file.
+namespace engine {
+struct TPagerStats;
+}
+const engine::TPagerStats* HostFileStats(std::int16_t fileNumber);
+
 #endif  // KAVO_ENGINE_ENGINE_H

@@ -455,6 +455,7 @@ std::int16_t TPager::Fetch(std::uint32_t number, TPage** page) {
         LogStatus(fPath.c_str(), kLowNodeBeyondEnd);
         return kPageDamaged;
     }
+    ++fStats.fPageVisits;
     if (TPage* cached = fPages.Find(number)) {
         cached->fReferenced = true;
         ++cached->fPins;
@@ -508,6 +509,8 @@ std::int16_t TPager::Allocate(TPage** page) {
         return kFileFull;
     }
     fFresh.insert(number);
+    ++fStats.fPageVisits;
+    ++fStats.fPagesAllocated;
     std::memset(frame->fData, 0, kPageSize);
     frame->fNumber = number;
     frame->fPins = 1;

@@ -120,6 +120,8 @@ private:
 
 // Counters for benchmarks and tests.
 struct TPagerStats {
+    std::uint64_t fPageVisits = 0;     // pages fetched or allocated, from the cache or not
+    std::uint64_t fPagesAllocated = 0;  // new pages and copies of the last state's pages
     std::uint64_t fLogFrames = 0;
     std::uint64_t fLogBytes = 0;
     std::uint64_t fPagesWritten = 0;
@@ -156,6 +158,7 @@ public:
         if (fPoison != 0) return nullptr;
         TPage* page = fPages.Find(number);
         if (page != nullptr) {
+            ++fStats.fPageVisits;
             page->fReferenced = true;
             ++page->fPins;
         }
