@@ -267,6 +267,7 @@ private:
     std::vector<TPage*> fSpareFrames;
     std::size_t fHand = 0;
     std::size_t fDirtyCount = 0;  // frames changed and not yet written
+    std::size_t fDirtyKept = 0;   // of them, interior pages the last write-back kept
 
     std::uint64_t fLogOffset = 0;
     std::uint32_t fLogChain = 0;
