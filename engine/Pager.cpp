@@ -110,6 +110,48 @@ void TPageTable::Erase(std::uint32_t number) {
     --fCount;
 }
 
+bool TPageSet::Insert(std::uint32_t number) {
+    const std::size_t word = number / 64;
+    const std::uint64_t bit = std::uint64_t{1} << (number % 64);
+    if (word >= fWords.size()) fWords.resize(std::max(word + 1, fWords.size() * 2), 0);
+    if ((fWords[word] & bit) != 0) return false;
+    fWords[word] |= bit;
+    ++fCount;
+    if (word < fLowWord) fLowWord = word;
+    return true;
+}
+
+bool TPageSet::Erase(std::uint32_t number) {
+    if (!Contains(number)) return false;
+    fWords[number / 64] &= ~(std::uint64_t{1} << (number % 64));
+    --fCount;
+    return true;
+}
+
+void TPageSet::Clear() {
+    std::fill(fWords.begin(), fWords.end(), 0);
+    fCount = 0;
+    fLowWord = 0;
+}
+
+std::uint32_t TPageSet::Next(std::uint32_t from) const {
+    if (fCount == 0) return kNone;
+    // A search from below the low word moves it up to the word it finds.
+    const bool seesAll = from / 64 < fLowWord || (from / 64 == fLowWord && from % 64 == 0);
+    std::size_t word = std::max<std::size_t>(from / 64, fLowWord);
+    std::uint64_t bits = 0;
+    if (word < fWords.size()) {
+        bits = fWords[word];
+        if (word == from / 64) bits &= ~std::uint64_t{0} << (from % 64);
+    }
+    while (bits == 0 && word < fWords.size()) {
+        if (++word < fWords.size()) bits = fWords[word];
+    }
+    if (seesAll) fLowWord = word;
+    if (word >= fWords.size()) return kNone;
+    return static_cast<std::uint32_t>(word * 64 + static_cast<std::size_t>(__builtin_ctzll(bits)));
+}
+
 void TPager::SetCacheCapacity(std::size_t pages) { gCacheCapacity = pages < 16 ? 16 : pages; }
 void TPager::SetCheckpointPages(std::size_t pages) { gCheckpointPages = pages == 0 ? kCheckpointPages : pages; }
 std::uint64_t TPager::CompletedCheckpoints() { return gCompletedCheckpoints; }
@@ -229,7 +271,7 @@ std::int16_t TPager::ReadHeaders() {
 }
 
 std::int16_t TPager::LoadFreeList(std::uint32_t head, std::uint32_t count) {
-    fFree.clear();
+    fFree.Clear();
     fFreeListPages.clear();
     std::vector<std::uint8_t> page(kPageSize);
     std::unordered_set<std::uint32_t> seen;
@@ -243,14 +285,14 @@ std::int16_t TPager::LoadFreeList(std::uint32_t head, std::uint32_t count) {
         fFreeListPages.push_back(number);
         for (std::uint32_t i = 0; i < entries; ++i) {
             const std::uint32_t free = Get32(page.data() + kPageHeaderSize + 4 * i);
-            if (free < kFirstDataPage || free >= fPageCount || !fFree.insert(free).second) return kFileNotOpened;
+            if (free < kFirstDataPage || free >= fPageCount || !fFree.Insert(free)) return kFileNotOpened;
         }
         remaining -= entries;
         number = Get32(page.data() + kPageAuxAt);
     }
     if (remaining != 0) return kFileNotOpened;
     for (std::uint32_t number : fFreeListPages) {
-        if (fFree.count(number) != 0) return kFileNotOpened;
+        if (fFree.Contains(number)) return kFileNotOpened;
     }
     return kEngineNoError;
 }
@@ -486,10 +528,10 @@ std::int16_t TPager::Fetch(std::uint32_t number, TPage** page) {
 }
 
 std::uint32_t TPager::TakeFreePage() {
-    if (!fFree.empty()) {
-        const std::uint32_t number = *fFree.begin();
-        fFree.erase(fFree.begin());
-        return number;
+    const std::uint32_t lowest = fFree.Next(0);
+    if (lowest != TPageSet::kNone) {
+        fFree.Erase(lowest);
+        return lowest;
     }
     if (fPageCount == UINT32_MAX) return 0;
     return fPageCount++;
@@ -593,18 +635,20 @@ std::int16_t TPager::WriteBack() {
 void TPager::FreePage(std::uint32_t number) {
     if (TPage* page = fPages.Find(number)) Forget(page);
     if (fFresh.erase(number) != 0) {
-        fFree.insert(number);
+        fFree.Insert(number);
     } else {
         fFreedSinceCheckpoint.push_back(number);
     }
 }
 
 std::uint32_t TPager::FreePageCount() const {
-    return static_cast<std::uint32_t>(fFree.size() + fFreedSinceCheckpoint.size());
+    return static_cast<std::uint32_t>(fFree.Size() + fFreedSinceCheckpoint.size());
 }
 
 std::vector<std::uint32_t> TPager::FreePages() const {
-    std::vector<std::uint32_t> pages(fFree.begin(), fFree.end());
+    std::vector<std::uint32_t> pages;
+    pages.reserve(fFree.Size() + fFreedSinceCheckpoint.size());
+    fFree.ForEach([&](std::uint32_t number) { pages.push_back(number); });
     pages.insert(pages.end(), fFreedSinceCheckpoint.begin(), fFreedSinceCheckpoint.end());
     return pages;
 }
@@ -624,28 +668,28 @@ bool TPager::HasChanges() const {
 // The free set of the next checkpoint's state, laid out in new free-list
 // pages taken from pages that nothing in the last checkpoint's state uses.
 std::int16_t TPager::BuildFreeList(std::uint32_t* head, std::uint32_t* count, std::vector<TImage>* images) {
-    std::set<std::uint32_t> free = fFree;
-    free.insert(fFreedSinceCheckpoint.begin(), fFreedSinceCheckpoint.end());
-    free.insert(fFreeListPages.begin(), fFreeListPages.end());
+    TPageSet free = fFree;
+    for (std::uint32_t number : fFreedSinceCheckpoint) free.Insert(number);
+    for (std::uint32_t number : fFreeListPages) free.Insert(number);
     std::vector<std::uint32_t> listPages;
+    std::uint32_t from = 0;
     for (;;) {
-        const std::size_t needed = (free.size() + kFreeEntriesPerPage - 1) / kFreeEntriesPerPage;
+        const std::size_t needed = (free.Size() + kFreeEntriesPerPage - 1) / kFreeEntriesPerPage;
         if (listPages.size() >= needed) break;
         // Only pages free in the last checkpoint's state may be written now.
-        auto candidate = std::find_if(fFree.begin(), fFree.end(), [&](std::uint32_t number) {
-            return std::find(listPages.begin(), listPages.end(), number) == listPages.end();
-        });
-        std::uint32_t number = 0;
-        if (candidate != fFree.end()) {
-            number = *candidate;
+        std::uint32_t number = fFree.Next(from);
+        if (number != TPageSet::kNone) {
+            from = number + 1;
         } else {
             if (fPageCount == UINT32_MAX) return kFileFull;
             number = fPageCount++;
         }
         listPages.push_back(number);
-        free.erase(number);
+        free.Erase(number);
     }
-    std::vector<std::uint32_t> entries(free.begin(), free.end());
+    std::vector<std::uint32_t> entries;
+    entries.reserve(free.Size());
+    free.ForEach([&](std::uint32_t number) { entries.push_back(number); });
     std::size_t next = 0;
     for (std::size_t i = 0; i < listPages.size(); ++i) {
         TImage image;
@@ -664,8 +708,7 @@ std::int16_t TPager::BuildFreeList(std::uint32_t* head, std::uint32_t* count, st
     // The new state's free set, once the header names it.
     fFreeListPages = listPages;
     fFreedSinceCheckpoint.clear();
-    fFree.clear();
-    fFree.insert(entries.begin(), entries.end());
+    fFree = std::move(free);
     *head = listPages.empty() ? 0 : listPages.front();
     *count = static_cast<std::uint32_t>(entries.size());
     return kEngineNoError;

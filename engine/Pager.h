@@ -31,7 +31,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -116,6 +115,36 @@ private:
     std::vector<TPage*> fSlots;
     std::size_t fMask = 0;
     std::size_t fCount = 0;
+};
+
+// A set of page numbers, one bit per page: no allocation per member, the
+// lowest member found from a cursor, members walked in ascending order. Its
+// size follows the highest page number, a 32,768th of the file's size.
+class TPageSet {
+public:
+    static constexpr std::uint32_t kNone = UINT32_MAX;
+
+    // False when the page was there already.
+    bool Insert(std::uint32_t number);
+    bool Erase(std::uint32_t number);
+    bool Contains(std::uint32_t number) const {
+        const std::size_t word = number / 64;
+        return word < fWords.size() && (fWords[word] >> (number % 64) & 1) != 0;
+    }
+    std::size_t Size() const { return fCount; }
+    bool Empty() const { return fCount == 0; }
+    void Clear();
+    // The lowest member at or above from, or kNone.
+    std::uint32_t Next(std::uint32_t from) const;
+    template <typename TFunction>
+    void ForEach(TFunction&& function) const {
+        for (std::uint32_t number = Next(0); number != kNone; number = Next(number + 1)) function(number);
+    }
+
+private:
+    std::vector<std::uint64_t> fWords;
+    std::size_t fCount = 0;
+    mutable std::size_t fLowWord = 0;  // no member lies in a word below this one
 };
 
 // Counters for benchmarks and tests.
@@ -255,7 +284,7 @@ private:
     // Free space: pages free in the last checkpoint's state and not used
     // since, plus pages allocated and freed again since; pages of the last
     // checkpoint's state freed since come back only after the next one.
-    std::set<std::uint32_t> fFree;
+    TPageSet fFree;
     std::vector<std::uint32_t> fFreedSinceCheckpoint;
     std::vector<std::uint32_t> fFreeListPages;
     std::unordered_set<std::uint32_t> fFresh;
