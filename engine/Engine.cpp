@@ -225,6 +225,7 @@ std::int16_t EngineStop() {
     }
     gEngine.fSlots.clear();
     gEngine.fInitialised = false;
+    engine::TPager::ReleaseFramePool();
     return kEngineNoError;
 }
 

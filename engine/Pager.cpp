@@ -54,6 +54,10 @@ std::size_t gCheckpointPages = kCheckpointPages;
 std::uint64_t gCompletedCheckpoints = 0;
 
 std::size_t gCacheCapacity = 16384;  // 64 MiB of pages
+// Frames of pagers gone, kept for the next ones (at most a cache's worth):
+// giving a full cache's memory back to the system at a close, and faulting
+// it in again after the next open, cost more than the rest of the close.
+std::vector<TPage*> gFramePool;
 std::uint32_t gSaltCounter = 0;
 
 }  // namespace
@@ -162,9 +166,25 @@ TPager::TPager(const std::string& path, bool readOnly)
 
 TPager::~TPager() {
     for (TPage* page : fFrames) {
+        if (gFramePool.size() < gCacheCapacity) {
+            std::uint8_t* data = page->fData;
+            *page = TPage{};
+            page->fData = data;
+            gFramePool.push_back(page);
+        } else {
+            delete[] page->fData;
+            delete page;
+        }
+    }
+}
+
+void TPager::ReleaseFramePool() {
+    for (TPage* page : gFramePool) {
         delete[] page->fData;
         delete page;
     }
+    gFramePool.clear();
+    gFramePool.shrink_to_fit();
 }
 
 // ---------------------------------------------------------------------------
@@ -466,8 +486,14 @@ TPage* TPager::NewFrame(std::int16_t* error) {
         fSpareFrames.pop_back();
         return page;
     }
-    auto* page = new TPage;
-    page->fData = new std::uint8_t[kPageSize];
+    TPage* page = nullptr;
+    if (!gFramePool.empty()) {
+        page = gFramePool.back();
+        gFramePool.pop_back();
+    } else {
+        page = new TPage;
+        page->fData = new std::uint8_t[kPageSize];
+    }
     fFrames.push_back(page);
     return page;
 }

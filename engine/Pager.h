@@ -234,6 +234,8 @@ public:
     // Pages the cache may hold (process-wide; for tests that want eviction).
     static void SetCacheCapacity(std::size_t pages);
     static std::size_t CacheCapacity();
+    // Frees the frames that closed pagers left for later ones.
+    static void ReleaseFramePool();
     // New pages after which a checkpoint is due (process-wide; for tests that
     // want checkpoints often). 0 restores the usual number.
     static void SetCheckpointPages(std::size_t pages);
