@@ -56,6 +56,10 @@ public:
     virtual std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) = 0;
     virtual bool Exists(const std::string& path) = 0;
     // False when the file could not be removed (a missing file included).
+    // The removal is not made durable against a loss of power: the engine
+    // removes only files whose return would be harmless (a log that
+    // continues no state of its host file is ignored), and syncing the
+    // directory after removing a log of megabytes cost the close 20 ms.
     virtual bool Remove(const std::string& path) = 0;
     // Replaces `to` if it exists.
     virtual bool Rename(const std::string& from, const std::string& to) = 0;

@@ -236,8 +236,7 @@ bool TPosixFileSystem::Exists(const std::string& path) {
 
 // Both succeed only once the directory holding the change is synced.
 bool TPosixFileSystem::Remove(const std::string& path) {
-    if (!IsUsablePath(path) || ::unlink(path.c_str()) != 0) return false;
-    return SyncDirectory(DirectoryOf(path));
+    return IsUsablePath(path) && ::unlink(path.c_str()) == 0;
 }
 
 bool TPosixFileSystem::Rename(const std::string& from, const std::string& to) {
