@@ -57,7 +57,14 @@ std::size_t gCacheCapacity = 16384;  // 64 MiB of pages
 // Frames of pagers gone, kept for the next ones (at most a cache's worth):
 // giving a full cache's memory back to the system at a close, and faulting
 // it in again after the next open, cost more than the rest of the close.
-std::vector<TPage*> gFramePool;
+// The pool frees them at the end of the process; a pager destroyed after it
+// (by another static's destructor) frees its own.
+struct TFramePool {
+    std::vector<TPage*> fFrames;
+    ~TFramePool();
+};
+TFramePool gFramePool;
+bool gFramePoolGone = false;  // trivially destructible: valid to the end
 std::uint32_t gSaltCounter = 0;
 
 }  // namespace
@@ -166,11 +173,11 @@ TPager::TPager(const std::string& path, bool readOnly)
 
 TPager::~TPager() {
     for (TPage* page : fFrames) {
-        if (gFramePool.size() < gCacheCapacity) {
+        if (!gFramePoolGone && gFramePool.fFrames.size() < gCacheCapacity) {
             std::uint8_t* data = page->fData;
             *page = TPage{};
             page->fData = data;
-            gFramePool.push_back(page);
+            gFramePool.fFrames.push_back(page);
         } else {
             delete[] page->fData;
             delete page;
@@ -179,13 +186,20 @@ TPager::~TPager() {
 }
 
 void TPager::ReleaseFramePool() {
-    for (TPage* page : gFramePool) {
+    for (TPage* page : gFramePool.fFrames) {
         delete[] page->fData;
         delete page;
     }
-    gFramePool.clear();
-    gFramePool.shrink_to_fit();
+    gFramePool.fFrames.clear();
+    gFramePool.fFrames.shrink_to_fit();
 }
+
+namespace {
+TFramePool::~TFramePool() {
+    TPager::ReleaseFramePool();
+    gFramePoolGone = true;
+}
+}  // namespace
 
 // ---------------------------------------------------------------------------
 // Creating and opening
@@ -490,9 +504,9 @@ TPage* TPager::NewFrame(std::int16_t* error) {
         return page;
     }
     TPage* page = nullptr;
-    if (!gFramePool.empty()) {
-        page = gFramePool.back();
-        gFramePool.pop_back();
+    if (!gFramePoolGone && !gFramePool.fFrames.empty()) {
+        page = gFramePool.fFrames.back();
+        gFramePool.fFrames.pop_back();
     } else {
         page = new TPage;
         page->fData = new std::uint8_t[kPageSize];
