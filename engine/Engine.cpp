@@ -225,9 +225,10 @@ std::int16_t EngineStop() {
     }
     gEngine.fSlots.clear();
     gEngine.fInitialised = false;
-    engine::TPager::ReleaseFramePool();
     return kEngineNoError;
 }
+
+void EngineReleaseMemory() { engine::TPager::ReleaseFramePool(); }
 
 bool EngineIsInitialised() { return gEngine.fInitialised; }
 

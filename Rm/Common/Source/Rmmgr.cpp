@@ -5,6 +5,7 @@
 
 #include "Common/Kavoassert.h"
 #include "MemSys/Win32/Memsys.h"
+#include "engine/Engine.h"
 
 CRezManager* gRezManager = nullptr;
 
@@ -25,11 +26,13 @@ std::int16_t KAVO_CALL InitRMRezManager(void) {
     return kNoError;
 }
 
-// Databases that are still open are not closed first.
+// Databases that are still open are not closed first. The memory the engine
+// keeps between databases goes with the manager.
 std::int16_t KAVO_CALL KillRMRezManager(void) {
     if (!ManagerExists()) return kGeneralError;
     delete gRezManager;
     gRezManager = nullptr;
+    EngineReleaseMemory();
     return kNoError;
 }
 
