@@ -5,7 +5,9 @@
 // file, or allocated: the trees' work, which grows with their height); pages
 // copied or allocated; 4 KiB pages' worth and bytes written, log and
 // checkpoints included; pages read from the file. After the adds, file bytes
-// per record; at the end, the peak memory of the process.
+// per record; at the end, the peak memory of the process. Last, how the
+// pages visited and the time per operation grew from the smallest size to
+// the largest, beside how log n grew.
 //
 // Options: --dir DIRECTORY (default /var/tmp), --cache-mib N (the page cache,
 // default 64 MiB), then the sizes.
@@ -24,6 +26,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -130,7 +133,7 @@ void Fail(const char* what, long detail) {
     std::exit(1);
 }
 
-void RunSize(std::uint32_t n, const std::string& directory) {
+std::vector<TPhase> RunSize(std::uint32_t n, const std::string& directory) {
     engine::TCountingFileSystem counting(engine::PlatformFileSystem());
     engine::InstallFileSystem(&counting);
     const std::string path = directory + "/engine-" + std::to_string(n) + ".kdb";
@@ -254,6 +257,22 @@ void RunSize(std::uint32_t n, const std::string& directory) {
                     double(p.fBytesRead) / 4096.0 / p.fOps);
     }
     std::printf("  peak memory of the process so far: %.1f MiB\n", PeakKilobytes() / 1024.0);
+    return phases;
+}
+
+// From the smallest size to the largest: how the pages visited and the time
+// per operation grew, beside how log n grew.
+void PrintGrowth(std::uint32_t small, const std::vector<TPhase>& a, std::uint32_t large,
+                 const std::vector<TPhase>& b) {
+    std::printf("\nfrom %u to %u keys log n grows %.2fx; per operation:\n", small, large,
+                std::log(double(large)) / std::log(double(small)));
+    std::printf("  %-22s %12s %12s\n", "phase", "visits grow", "time grows");
+    for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+        if (!a[i].fCounted || !b[i].fCounted || a[i].fVisits == 0) continue;
+        const double visits = (double(b[i].fVisits) / b[i].fOps) / (double(a[i].fVisits) / a[i].fOps);
+        const double time = (b[i].fSeconds / b[i].fOps) / (a[i].fSeconds / a[i].fOps);
+        std::printf("  %-22s %11.2fx %11.2fx\n", a[i].fName, visits, time);
+    }
 }
 
 }  // namespace
@@ -273,6 +292,10 @@ int main(int argc, char** argv) {
     if (sizes.empty()) sizes = {10000, 100000, 1000000};
     std::printf("kavoDVDB engine benchmark (files in %s, page cache %zu MiB)\n", directory.c_str(),
                 engine::TPager::CacheCapacity() / 256);
-    for (std::uint32_t n : sizes) RunSize(n, directory);
+    std::sort(sizes.begin(), sizes.end());
+    std::vector<std::vector<TPhase>> results;
+    for (std::uint32_t n : sizes) results.push_back(RunSize(n, directory));
+    if (sizes.size() > 1 && sizes.front() > 1)
+        PrintGrowth(sizes.front(), results.front(), sizes.back(), results.back());
     return 0;
 }
