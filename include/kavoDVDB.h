@@ -178,6 +178,8 @@ enum {
 };
 
 KAVO_API int16_t KAVO_CALL InitRMRezManager(void);
+/* The page cache's memory (at most 64 MiB) stays with the process between
+ * databases, for the next one opened; KillRMRezManager gives it back. */
 KAVO_API int16_t KAVO_CALL KillRMRezManager(void);
 /* A new database file, left closed. */
 KAVO_API int16_t KAVO_CALL RMCreate(const char* fileName, uint32_t creator, uint32_t fileType);
