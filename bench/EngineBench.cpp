@@ -7,7 +7,8 @@
 // checkpoints included; pages read from the file. After the adds, file bytes
 // per record; at the end, the peak memory of the process. Last, how the
 // pages visited and the time per operation grew from the smallest size to
-// the largest, beside how log n grew.
+// the largest, beside how log n grew and how the time grew for the same
+// adds, reads and deletes on ordered maps in memory.
 //
 // Options: --dir DIRECTORY (default /var/tmp), --cache-mib N (the page cache,
 // default 64 MiB), then the sizes.
@@ -31,6 +32,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -260,18 +262,87 @@ std::vector<TPhase> RunSize(std::uint32_t n, const std::string& directory) {
     return phases;
 }
 
+// The same adds, point reads and deletes on three ordered maps in memory
+// (records by position, positions by number key and by name key): no file,
+// no pages, no checksums, the same keys and orders. How its time per
+// operation grows is what the processor's caches alone do to a structure
+// whose work grows as log n: the yardstick for the engine's time.
+std::vector<TPhase> RunInMemory(std::uint32_t n) {
+    std::map<std::uint32_t, Bytes> records;
+    std::map<Bytes, std::uint32_t> byNumber;
+    std::map<Bytes, std::uint32_t> byName;
+    std::vector<std::int32_t> ids(n);
+    for (std::uint32_t i = 0; i < n; ++i) ids[i] = static_cast<std::int32_t>(i + 1);
+    std::mt19937 random(n);
+    const std::uint32_t samples = std::min<std::uint32_t>(n, 100000);
+    Bytes buffer(4096);
+    std::uint64_t sink = 0;
+    std::vector<TPhase> phases;
+    auto time = [&](const char* name, std::uint64_t ops, auto&& body) {
+        const auto start = Clock::now();
+        body();
+        phases.push_back(TPhase{name, ops, std::chrono::duration<double>(Clock::now() - start).count()});
+    };
+    auto read = [&](const std::map<Bytes, std::uint32_t>& index, const Bytes& key) {
+        const auto found = index.find(key);
+        if (found == index.end()) Fail("in memory: find", 0);
+        const Bytes& record = records.find(found->second)->second;
+        std::memcpy(buffer.data(), record.data(), record.size());
+        sink += buffer[record.size() - 1];
+    };
+
+    time("add", n, [&] {
+        for (std::int32_t id : ids) {
+            const auto position = static_cast<std::uint32_t>(id);
+            records.emplace(position, Record(id));
+            byNumber.emplace(NumberKey(id), position);
+            byName.emplace(NameKey(id), position);
+        }
+    });
+    std::shuffle(ids.begin(), ids.end(), random);
+    time("read by number key", samples, [&] {
+        for (std::uint32_t i = 0; i < samples; ++i) read(byNumber, NumberKey(ids[i]));
+    });
+    std::shuffle(ids.begin(), ids.end(), random);
+    time("read by name key", samples, [&] {
+        for (std::uint32_t i = 0; i < samples; ++i) read(byName, NameKey(ids[i]));
+    });
+    std::shuffle(ids.begin(), ids.end(), random);
+    time("delete", n, [&] {
+        for (std::int32_t id : ids) {
+            const auto found = byNumber.find(NumberKey(id));
+            if (found == byNumber.end()) Fail("in memory: find", id);
+            const auto record = records.find(found->second);
+            // Its keys come from the record, as the engine's do.
+            Bytes name(36, 0);
+            std::memcpy(name.data(), record->second.data(), 4);
+            std::memcpy(name.data() + 4, record->second.data() + 8, 32);
+            byName.erase(name);
+            records.erase(record);
+            byNumber.erase(found);
+        }
+    });
+    if (sink == 1) std::printf(" ");  // keeps the reads from being optimised away
+    return phases;
+}
+
 // From the smallest size to the largest: how the pages visited and the time
-// per operation grew, beside how log n grew.
-void PrintGrowth(std::uint32_t small, const std::vector<TPhase>& a, std::uint32_t large,
-                 const std::vector<TPhase>& b) {
+// per operation grew, beside how log n grew and how the time grew in memory.
+void PrintGrowth(std::uint32_t small, const std::vector<TPhase>& a, const std::vector<TPhase>& memoryA,
+                 std::uint32_t large, const std::vector<TPhase>& b, const std::vector<TPhase>& memoryB) {
+    auto perOp = [](const TPhase& p) { return p.fSeconds / p.fOps; };
     std::printf("\nfrom %u to %u keys log n grows %.2fx; per operation:\n", small, large,
                 std::log(double(large)) / std::log(double(small)));
-    std::printf("  %-22s %12s %12s\n", "phase", "visits grow", "time grows");
+    std::printf("  %-22s %12s %12s %16s\n", "phase", "visits grow", "time grows", "in memory grows");
     for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
         if (!a[i].fCounted || !b[i].fCounted || a[i].fVisits == 0) continue;
         const double visits = (double(b[i].fVisits) / b[i].fOps) / (double(a[i].fVisits) / a[i].fOps);
-        const double time = (b[i].fSeconds / b[i].fOps) / (a[i].fSeconds / a[i].fOps);
-        std::printf("  %-22s %11.2fx %11.2fx\n", a[i].fName, visits, time);
+        std::printf("  %-22s %11.2fx %11.2fx", a[i].fName, visits, perOp(b[i]) / perOp(a[i]));
+        for (std::size_t j = 0; j < memoryA.size() && j < memoryB.size(); ++j) {
+            if (std::strcmp(memoryA[j].fName, a[i].fName) == 0)
+                std::printf(" %15.2fx", perOp(memoryB[j]) / perOp(memoryA[j]));
+        }
+        std::printf("\n");
     }
 }
 
@@ -295,7 +366,19 @@ int main(int argc, char** argv) {
     std::sort(sizes.begin(), sizes.end());
     std::vector<std::vector<TPhase>> results;
     for (std::uint32_t n : sizes) results.push_back(RunSize(n, directory));
+    // After the engine's runs, so that their peak memory is their own.
+    std::vector<std::vector<TPhase>> inMemory;
+    std::printf("\nthe same on ordered maps in memory (std::map), us/op:\n  %-10s", "keys");
+    for (const TPhase& p : RunInMemory(1)) std::printf(" %20s", p.fName);
+    std::printf("\n");
+    for (std::uint32_t n : sizes) {
+        inMemory.push_back(RunInMemory(n));
+        std::printf("  %-10u", n);
+        for (const TPhase& p : inMemory.back()) std::printf(" %20.3f", p.fSeconds * 1e6 / p.fOps);
+        std::printf("\n");
+    }
     if (sizes.size() > 1 && sizes.front() > 1)
-        PrintGrowth(sizes.front(), results.front(), sizes.back(), results.back());
+        PrintGrowth(sizes.front(), results.front(), inMemory.front(), sizes.back(), results.back(),
+                    inMemory.back());
     return 0;
 }
