@@ -368,13 +368,13 @@ int main(int argc, char** argv) {
     for (std::uint32_t n : sizes) results.push_back(RunSize(n, directory));
     // After the engine's runs, so that their peak memory is their own.
     std::vector<std::vector<TPhase>> inMemory;
+    for (std::uint32_t n : sizes) inMemory.push_back(RunInMemory(n));
     std::printf("\nthe same on ordered maps in memory (std::map), us/op:\n  %-10s", "keys");
-    for (const TPhase& p : RunInMemory(1)) std::printf(" %20s", p.fName);
+    for (const TPhase& p : inMemory.front()) std::printf(" %20s", p.fName);
     std::printf("\n");
-    for (std::uint32_t n : sizes) {
-        inMemory.push_back(RunInMemory(n));
-        std::printf("  %-10u", n);
-        for (const TPhase& p : inMemory.back()) std::printf(" %20.3f", p.fSeconds * 1e6 / p.fOps);
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        std::printf("  %-10u", sizes[i]);
+        for (const TPhase& p : inMemory[i]) std::printf(" %20.3f", p.fSeconds * 1e6 / p.fOps);
         std::printf("\n");
     }
     if (sizes.size() > 1 && sizes.front() > 1)
