@@ -23,6 +23,7 @@ struct TFaultNode {
     std::vector<TPendingChange> fPending;
     int fReaders = 0;
     bool fWriter = false;
+    bool fNameless = false;  // made by CreateUnnamed and not yet published
 
     bool IsOpen() const { return fReaders > 0 || fWriter; }
     void ReleaseLocks() {
@@ -177,9 +178,10 @@ public:
         return true;
     }
 
-private:
+    const std::shared_ptr<TFaultNode>& Node() const { return fNode; }
     bool IsAlive() const { return fGeneration == fState->fGeneration; }
 
+private:
     std::shared_ptr<TFaultState> fState;
     std::shared_ptr<TFaultNode> fNode;
     std::uint64_t fGeneration;
@@ -232,6 +234,41 @@ std::unique_ptr<TFile> TFaultFileSystem::Open(const std::string& path, OpenMode 
     else
         node->fWriter = true;
     return file;
+}
+
+// A nameless file is in no directory: nothing finds it, and a crash or a
+// loss of power, which kills its TFile, leaves nothing of it.
+std::unique_ptr<TFile> TFaultFileSystem::CreateUnnamed(const std::string& path, FileError* error) {
+    FileError ignored;
+    if (error == nullptr) error = &ignored;
+    *error = FileError::kNone;
+    if (!IsUsablePath(path)) {
+        *error = FileError::kNotFound;
+        return nullptr;
+    }
+    try {
+        auto node = std::make_shared<TFaultNode>();
+        node->fNameless = true;
+        node->fWriter = true;
+        return std::unique_ptr<TFile>(new TFaultFile(fState, node, false));
+    } catch (const std::bad_alloc&) {
+        *error = FileError::kIO;
+        return nullptr;
+    }
+}
+
+FileError TFaultFileSystem::Publish(TFile* file, const std::string& path) {
+    auto* fault = static_cast<TFaultFile*>(file);
+    if (fault == nullptr || !fault->IsAlive() || !fault->Node()->fNameless || !IsUsablePath(path))
+        return FileError::kIO;
+    if (fState->Find(path) != nullptr) return FileError::kExists;
+    try {
+        fState->fFiles[path] = fault->Node();
+    } catch (const std::bad_alloc&) {
+        return FileError::kIO;
+    }
+    fault->Node()->fNameless = false;
+    return FileError::kNone;
 }
 
 bool TFaultFileSystem::Exists(const std::string& path) {
@@ -359,6 +396,7 @@ public:
 
     bool Size(std::uint64_t* size) override { return fBase->Size(size); }
     bool Truncate(std::uint64_t size) override { return fBase->Truncate(size); }
+    TFile* Base() const { return fBase.get(); }
 
 private:
     std::unique_ptr<TFile> fBase;
@@ -381,6 +419,24 @@ std::unique_ptr<TFile> TCountingFileSystem::Open(const std::string& path, OpenMo
     TFile* counting = new (std::nothrow) TCountingFile(std::move(base), fCounters, mode == OpenMode::kReadOnly);
     if (counting == nullptr && error != nullptr) *error = FileError::kIO;
     return std::unique_ptr<TFile>(counting);
+}
+
+std::unique_ptr<TFile> TCountingFileSystem::CreateUnnamed(const std::string& path, FileError* error) {
+    if (fBase == nullptr) {
+        if (error != nullptr) *error = FileError::kIO;
+        return nullptr;
+    }
+    std::unique_ptr<TFile> base = fBase->CreateUnnamed(path, error);
+    if (base == nullptr) return nullptr;
+    TFile* counting = new (std::nothrow) TCountingFile(std::move(base), fCounters, false);
+    if (counting == nullptr && error != nullptr) *error = FileError::kIO;
+    return std::unique_ptr<TFile>(counting);
+}
+
+// The base file system publishes the file the counting one wraps.
+FileError TCountingFileSystem::Publish(TFile* file, const std::string& path) {
+    if (fBase == nullptr || file == nullptr) return FileError::kIO;
+    return fBase->Publish(static_cast<TCountingFile*>(file)->Base(), path);
 }
 
 bool TCountingFileSystem::Exists(const std::string& path) {

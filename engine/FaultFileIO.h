@@ -34,9 +34,11 @@ struct TFaultState;
 // Each file has its current bytes (what reads and new opens see) and its
 // durable bytes (what survives a loss of power), and keeps the writes and
 // truncations made since its last Sync, in order. Sync makes the current
-// bytes durable. Names are durable at once: a created, removed or renamed
-// file stays so through a loss of power, as the real file systems make sure
-// by syncing the directory.
+// bytes durable. Names are durable at once: a created, published, removed or
+// renamed file stays so through a loss of power, as the real file systems
+// make sure by syncing the directory. A file made by CreateUnnamed has no
+// name until Publish gives it one; a crash or a loss of power before that
+// leaves nothing of it.
 //
 // Remove and Rename refuse a file that is open (either name, for Rename), as
 // Windows does, so that the engine cannot come to rely on POSIX's leniency.
@@ -54,6 +56,8 @@ public:
     TFaultFileSystem& operator=(const TFaultFileSystem&) = delete;
 
     std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) override;
+    std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) override;
+    FileError Publish(TFile* file, const std::string& path) override;
     bool Exists(const std::string& path) override;
     bool Remove(const std::string& path) override;
     bool Rename(const std::string& from, const std::string& to) override;
@@ -107,6 +111,8 @@ public:
     TCountingFileSystem& operator=(const TCountingFileSystem&) = delete;
 
     std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) override;
+    std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) override;
+    FileError Publish(TFile* file, const std::string& path) override;
     bool Exists(const std::string& path) override;
     bool Remove(const std::string& path) override;
     bool Rename(const std::string& from, const std::string& to) override;

@@ -54,6 +54,20 @@ public:
     // Opens and locks: shared for kReadOnly, exclusive otherwise. Null on
     // failure, with the reason in *error (which may be null).
     virtual std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) = 0;
+    // A new, empty file in the directory `path` names (which must exist),
+    // open for reading and writing and locked exclusively, that no name
+    // reaches yet: nothing written to it is visible under any name until
+    // Publish, and if the process ends first it leaves nothing behind (where
+    // the system offers no nameless files, a temporary beside `path` stands
+    // in; the implementations say which). Null on failure, the reason in
+    // *error (which may be null).
+    virtual std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) = 0;
+    // Gives `file` (made by CreateUnnamed of this file system, written and
+    // synced by the caller) the name `path` in one step, unless something
+    // has that name already: then kExists, and nothing changes (a name is
+    // never replaced). On kNone the name survives a loss of power and the
+    // file stays open and locked; on any other answer it stays nameless.
+    virtual FileError Publish(TFile* file, const std::string& path) = 0;
     virtual bool Exists(const std::string& path) = 0;
     // False when the file could not be removed (a missing file included).
     // The removal is not made durable against a loss of power: the engine

@@ -12,9 +12,12 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <limits>
 #include <new>
@@ -30,7 +33,9 @@ static_assert(sizeof(off_t) >= 8, "file offsets must be 64-bit");
 constexpr std::uint64_t kMaxOffset = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
 // One system call moves at most this much; larger transfers loop.
 constexpr std::size_t kMaxTransfer = std::size_t{1} << 30;
-constexpr mode_t kNewFileMode = 0644;
+// A database is an ordinary user file: the process's umask decides who else
+// may read or write it, as it does for any file the user's programs make.
+constexpr mode_t kNewFileMode = 0666;
 
 // A name with a NUL inside would silently name a different file.
 bool IsUsablePath(const std::string& path) {
@@ -85,10 +90,42 @@ int SyncData(int fd) {
 #endif
 }
 
+std::string BaseNameOf(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+int OpenRetrying(const char* path, int flags, mode_t mode) {
+    int fd;
+    do {
+        fd = ::open(path, flags, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Takes the lock every file of the engine holds: shared or exclusive, never
+// waiting. False (errno set) when another open holds it.
+bool LockFile(int fd, bool shared) {
+    int locked;
+    do {
+        locked = ::flock(fd, (shared ? LOCK_SH : LOCK_EX) | LOCK_NB);
+    } while (locked != 0 && errno == EINTR);
+    return locked == 0;
+}
+
 class TPosixFile : public TFile {
 public:
     TPosixFile(int fd, bool readOnly) : fFd(fd), fReadOnly(readOnly) {}
-    ~TPosixFile() override { ::close(fFd); }
+    ~TPosixFile() override {
+        ::close(fFd);
+        if (!fTemporary.empty()) ::unlink(fTemporary.c_str());
+    }
+
+    // A file made by CreateUnnamed: nameless (O_TMPFILE), or under a
+    // temporary name until published.
+    bool fNameless = false;
+    std::string fTemporary;
+    int Descriptor() const { return fFd; }
     TPosixFile(const TPosixFile&) = delete;
     TPosixFile& operator=(const TPosixFile&) = delete;
 
@@ -156,6 +193,8 @@ private:
 class TPosixFileSystem : public TFileSystem {
 public:
     std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) override;
+    std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) override;
+    FileError Publish(TFile* file, const std::string& path) override;
     bool Exists(const std::string& path) override;
     bool Remove(const std::string& path) override;
     bool Rename(const std::string& from, const std::string& to) override;
@@ -182,10 +221,7 @@ std::unique_ptr<TFile> TPosixFileSystem::Open(const std::string& path, OpenMode 
             flags |= O_RDWR | O_CREAT | O_EXCL;
             break;
     }
-    int fd;
-    do {
-        fd = ::open(path.c_str(), flags, kNewFileMode);
-    } while (fd < 0 && errno == EINTR);
+    const int fd = OpenRetrying(path.c_str(), flags, kNewFileMode);
     if (fd < 0) {
         *error = ErrorFromErrno(errno);
         return nullptr;
@@ -200,12 +236,7 @@ std::unique_ptr<TFile> TPosixFileSystem::Open(const std::string& path, OpenMode 
         return nullptr;
     }
 
-    const int lock = (mode == OpenMode::kReadOnly ? LOCK_SH : LOCK_EX) | LOCK_NB;
-    int locked;
-    do {
-        locked = ::flock(fd, lock);
-    } while (locked != 0 && errno == EINTR);
-    if (locked != 0) {
+    if (!LockFile(fd, mode == OpenMode::kReadOnly)) {
         *error = errno == EWOULDBLOCK ? FileError::kLocked : FileError::kIO;
         ::close(fd);
         return nullptr;
@@ -226,6 +257,91 @@ std::unique_ptr<TFile> TPosixFileSystem::Open(const std::string& path, OpenMode 
         *error = FileError::kIO;
     }
     return std::unique_ptr<TFile>(file);
+}
+
+// Where the kernel and the file system offer it, the new file is nameless
+// (O_TMPFILE): a create cut short leaves nothing at all, and Publish links it
+// under its name through /proc/self/fd. Elsewhere it is a hidden temporary
+// beside the name, ".NAME.<hex>.kdb-new", removed when the file is closed
+// unpublished; only a process killed between the two leaves it behind.
+std::unique_ptr<TFile> TPosixFileSystem::CreateUnnamed(const std::string& path, FileError* error) {
+    FileError ignored;
+    if (error == nullptr) error = &ignored;
+    *error = FileError::kNone;
+    if (!IsUsablePath(path)) {
+        *error = FileError::kNotFound;
+        return nullptr;
+    }
+    const std::string directory = DirectoryOf(path);
+    std::string temporary;
+    int fd = -1;
+#if defined(O_TMPFILE)
+    fd = OpenRetrying(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kNewFileMode);
+    if (fd >= 0 && ::access(("/proc/self/fd/" + std::to_string(fd)).c_str(), F_OK) != 0) {
+        ::close(fd);  // it could not be given a name
+        fd = -1;
+    }
+#endif
+    if (fd < 0) {
+        static std::atomic<std::uint32_t> counter{0};
+        for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
+            const auto now = static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+            char suffix[40];
+            std::snprintf(suffix, sizeof suffix, ".%08x%08x.kdb-new", static_cast<unsigned>(::getpid()),
+                          static_cast<unsigned>(now ^ (now >> 32) ^ (counter++ * 0x9E3779B9u)));
+            temporary = directory + "/." + BaseNameOf(path) + suffix;
+            fd = OpenRetrying(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+            if (fd < 0 && errno != EEXIST) break;
+        }
+        if (fd < 0) {
+            *error = ErrorFromErrno(errno);
+            return nullptr;
+        }
+    }
+    if (!LockFile(fd, false)) {
+        *error = FileError::kIO;
+        ::close(fd);
+        if (!temporary.empty()) ::unlink(temporary.c_str());
+        return nullptr;
+    }
+    TPosixFile* file = new (std::nothrow) TPosixFile(fd, false);
+    if (file == nullptr) {
+        ::close(fd);
+        if (!temporary.empty()) ::unlink(temporary.c_str());
+        *error = FileError::kIO;
+        return nullptr;
+    }
+    file->fNameless = temporary.empty();
+    file->fTemporary = temporary;
+    return std::unique_ptr<TFile>(file);
+}
+
+// Gives the name with link(), which never replaces: EEXIST is the answer when
+// the name is taken. A file system without hard links gets renameat2 with
+// RENAME_NOREPLACE, which is as safe, where the kernel has it.
+FileError TPosixFileSystem::Publish(TFile* file, const std::string& path) {
+    auto* posix = static_cast<TPosixFile*>(file);
+    if (posix == nullptr || !IsUsablePath(path) || (!posix->fNameless && posix->fTemporary.empty()))
+        return FileError::kIO;
+    int linked;
+    if (posix->fNameless) {
+        const std::string self = "/proc/self/fd/" + std::to_string(posix->Descriptor());
+        linked = ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
+    } else {
+        linked = ::link(posix->fTemporary.c_str(), path.c_str());
+#if defined(SYS_renameat2) && defined(RENAME_NOREPLACE)
+        if (linked != 0 && (errno == EPERM || errno == ENOTSUP || errno == EOPNOTSUPP || errno == EXDEV)) {
+            linked = static_cast<int>(::syscall(SYS_renameat2, AT_FDCWD, posix->fTemporary.c_str(), AT_FDCWD,
+                                                path.c_str(), RENAME_NOREPLACE));
+            if (linked == 0) posix->fTemporary.clear();
+        }
+#endif
+    }
+    if (linked != 0) return errno == EEXIST ? FileError::kExists : ErrorFromErrno(errno);
+    if (!posix->fTemporary.empty()) ::unlink(posix->fTemporary.c_str());
+    posix->fTemporary.clear();
+    posix->fNameless = false;
+    return SyncDirectory(DirectoryOf(path)) ? FileError::kNone : FileError::kIO;
 }
 
 // True for any entry of that name, directories included, as on Windows.

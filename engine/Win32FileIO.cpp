@@ -6,7 +6,9 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
+#include <vector>
 
 #include "engine/FileIO.h"
 
@@ -52,7 +54,14 @@ OVERLAPPED At(std::uint64_t offset) {
 class TWin32File : public TFile {
 public:
     TWin32File(HANDLE handle, bool readOnly) : fHandle(handle), fReadOnly(readOnly) {}
-    ~TWin32File() override { CloseHandle(fHandle); }
+    ~TWin32File() override {
+        CloseHandle(fHandle);
+        if (!fTemporary.empty()) DeleteFileA(fTemporary.c_str());
+    }
+
+    // A file made by CreateUnnamed, under its temporary name until published.
+    std::string fTemporary;
+    HANDLE Handle() const { return fHandle; }
     TWin32File(const TWin32File&) = delete;
     TWin32File& operator=(const TWin32File&) = delete;
 
@@ -118,6 +127,8 @@ private:
 class TWin32FileSystem : public TFileSystem {
 public:
     std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) override;
+    std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) override;
+    FileError Publish(TFile* file, const std::string& path) override;
     bool Exists(const std::string& path) override;
     bool Remove(const std::string& path) override;
     bool Rename(const std::string& from, const std::string& to) override;
@@ -151,6 +162,87 @@ std::unique_ptr<TFile> TWin32FileSystem::Open(const std::string& path, OpenMode 
         *error = FileError::kIO;
     }
     return std::unique_ptr<TFile>(file);
+}
+
+// Windows has no nameless files: the new file is "NAME.<hex>.kdb-new" beside
+// the name, opened with DELETE access and shared with no one, and removed when
+// it is closed unpublished; only a process killed between the two leaves it
+// behind. Publish renames it through its own handle, never replacing.
+std::unique_ptr<TFile> TWin32FileSystem::CreateUnnamed(const std::string& path, FileError* error) {
+    FileError ignored;
+    if (error == nullptr) error = &ignored;
+    *error = FileError::kNone;
+    if (!IsUsablePath(path)) {
+        *error = FileError::kNotFound;
+        return nullptr;
+    }
+    static unsigned counter = 0;
+    HANDLE handle = INVALID_HANDLE_VALUE;
+    std::string temporary;
+    for (int attempt = 0; attempt < 16 && handle == INVALID_HANDLE_VALUE; ++attempt) {
+        char suffix[40];
+        std::snprintf(suffix, sizeof suffix, ".%08lx%08lx.kdb-new", static_cast<unsigned long>(GetCurrentProcessId()),
+                      static_cast<unsigned long>(GetTickCount() ^ (++counter * 0x9E3779B9u)));
+        temporary = path + suffix;
+        handle = CreateFileA(temporary.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, CREATE_NEW,
+                             FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (handle == INVALID_HANDLE_VALUE && GetLastError() != ERROR_FILE_EXISTS &&
+            GetLastError() != ERROR_ALREADY_EXISTS)
+            break;
+    }
+    if (handle == INVALID_HANDLE_VALUE) {
+        *error = ErrorFromLastError(GetLastError());
+        return nullptr;
+    }
+    TWin32File* file = new (std::nothrow) TWin32File(handle, false);
+    if (file == nullptr) {
+        CloseHandle(handle);
+        DeleteFileA(temporary.c_str());
+        *error = FileError::kIO;
+        return nullptr;
+    }
+    file->fTemporary = temporary;
+    return std::unique_ptr<TFile>(file);
+}
+
+FileError TWin32FileSystem::Publish(TFile* file, const std::string& path) {
+    auto* win32 = static_cast<TWin32File*>(file);
+    if (win32 == nullptr || win32->fTemporary.empty() || !IsUsablePath(path)) return FileError::kIO;
+    // The rename takes the new name as a full path in the system's own form
+    // (\??\C:\dir\name, or \??\UNC\server\share\name for a share): a
+    // bare name is not read alike everywhere (some take it relative to the
+    // current directory rather than to the file's).
+    char full[MAX_PATH * 4];
+    const DWORD fullLength = GetFullPathNameA(path.c_str(), sizeof full, full, nullptr);
+    if (fullLength == 0 || fullLength >= sizeof full) return FileError::kIO;
+    std::string system(full);
+    if (system.rfind("\\\\?\\", 0) == 0) {
+        system = "\\??\\" + system.substr(4);
+    } else if (system.rfind("\\\\", 0) == 0) {
+        system = "\\??\\UNC\\" + system.substr(2);
+    } else {
+        system = "\\??\\" + system;
+    }
+    const int wide = MultiByteToWideChar(CP_ACP, 0, system.c_str(), -1, nullptr, 0);
+    if (wide <= 0) return FileError::kIO;
+    std::vector<unsigned char> buffer;
+    try {
+        buffer.assign(sizeof(FILE_RENAME_INFO) + static_cast<std::size_t>(wide) * sizeof(WCHAR), 0);
+    } catch (const std::bad_alloc&) {
+        return FileError::kIO;
+    }
+    auto* rename = reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
+    rename->ReplaceIfExists = FALSE;
+    rename->RootDirectory = nullptr;
+    rename->FileNameLength = static_cast<DWORD>((wide - 1) * sizeof(WCHAR));
+    MultiByteToWideChar(CP_ACP, 0, system.c_str(), -1, rename->FileName, wide);
+    if (!SetFileInformationByHandle(win32->Handle(), FileRenameInfo, rename, static_cast<DWORD>(buffer.size()))) {
+        const DWORD lastError = GetLastError();
+        return lastError == ERROR_ALREADY_EXISTS || lastError == ERROR_FILE_EXISTS ? FileError::kExists
+                                                                                   : ErrorFromLastError(lastError);
+    }
+    win32->fTemporary.clear();
+    return FlushFileBuffers(win32->Handle()) ? FileError::kNone : FileError::kIO;
 }
 
 // True for any entry of that name, directories included.
