@@ -455,7 +455,7 @@ std::int16_t TTree::IndexInsert(const std::uint8_t* key, std::uint32_t record, s
     return FinishInsert(path, leafRef, true, separator.data(), right, middle, n + 1 - middle);
 }
 
-std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length,
+std::int16_t TTree::DataInsert(std::uint32_t record, const TByteSource& bytes, std::uint32_t length,
                                std::uint32_t* where) {
     fInfo->fHintRecord = 0;
     std::uint8_t key[4];
@@ -466,7 +466,7 @@ std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, 
     Put32(cell.data(), record);
     Put32(cell.data() + 4, length);
     Put32(cell.data() + 8, inlined);
-    if (inlined != 0) std::memcpy(cell.data() + kCellHead, bytes, inlined);
+    if (inlined != 0 && !bytes.Read(0, cell.data() + kCellHead, inlined)) return kPageDamaged;
 
     TPath path;
     TPageRef leafRef;
@@ -479,7 +479,7 @@ std::int16_t TTree::DataInsert(std::uint32_t record, const std::uint8_t* bytes, 
     if (at < n && TDataLeaf::Record(page, at) == record) return kKeyExists;
     if (length > inlined) {
         std::uint32_t head = 0;
-        error = WriteOverflow(bytes + inlined, length - inlined, &head);
+        error = WriteOverflow(bytes, inlined, length - inlined, &head);
         if (error != kEngineNoError) return error;
         Put32(cell.data() + kCellHead + inlined, head);
     }
@@ -902,10 +902,9 @@ std::int16_t TTree::DataReadUpTo(std::uint32_t record, std::uint32_t limit, std:
 // ---------------------------------------------------------------------------
 // Overflow chains
 
-std::int16_t TTree::WriteOverflow(const std::uint8_t* bytes, std::uint32_t length, std::uint32_t* head) {
+std::int16_t TTree::WriteOverflow(const TByteSource& bytes, std::uint32_t skip, std::uint32_t length,
+                                  std::uint32_t* head) {
     const std::uint32_t pages = (length + kOverflowBytes - 1) / kOverflowBytes;
-    std::vector<std::uint32_t> numbers;
-    numbers.reserve(pages);
     // Written back to front, so that each page knows its successor.
     std::uint32_t next = 0;
     for (std::uint32_t i = pages; i-- > 0;) {
@@ -914,7 +913,7 @@ std::int16_t TTree::WriteOverflow(const std::uint8_t* bytes, std::uint32_t lengt
         if (error != kEngineNoError) return error;
         const std::uint32_t from = i * kOverflowBytes;
         const std::uint32_t take = std::min(kOverflowBytes, length - from);
-        std::memcpy(page.Data() + kBodyStart, bytes + from, take);
+        if (!bytes.Read(std::uint64_t{skip} + from, page.Data() + kBodyStart, take)) return kPageDamaged;
         Put32(page.Data() + kPageAuxAt, next);
         Put32(page.Data() + kPageExtraAt, take);
         next = page.Number();
@@ -966,6 +965,166 @@ std::int16_t TTree::FreeOverflow(std::uint32_t head, std::uint32_t length) {
         fPager->Unpin(raw);
         if (!valid) return kPageDamaged;
         fPager->FreePage(number);
+        number = next;
+    }
+    return kEngineNoError;
+}
+
+// ---------------------------------------------------------------------------
+// Compaction
+
+std::int16_t TTree::Relocate(std::uint32_t limit) {
+    fInfo->fHintRecord = 0;
+    TPageRef root;
+    const std::int16_t error = FetchNode(fInfo->fRoot, static_cast<std::uint8_t>(fInfo->fHeight - 1), &root);
+    if (error != kEngineNoError) return error;
+    return RelocateNode(root, nullptr, 0, static_cast<std::uint8_t>(fInfo->fHeight - 1), limit);
+}
+
+std::int16_t TTree::RelocateNode(TPageRef& node, TPageRef* parent, std::uint16_t index, std::uint8_t level,
+                                 std::uint32_t limit) {
+    std::int16_t error = kEngineNoError;
+    if ((level > 0 || node.Number() >= limit) && (error = MakeWritable(&node, parent, index)) != kEngineNoError)
+        return error;
+    if (level > 0) {
+        const TInterior interior{InteriorKeyLength()};
+        const std::uint32_t n = CountOf(node.Data());
+        for (std::uint32_t i = 0; i < n; ++i) {
+            TPageRef child;
+            if ((error = FetchNode(interior.Child(node.Data(), i), static_cast<std::uint8_t>(level - 1), &child)) !=
+                kEngineNoError)
+                return error;
+            error = RelocateNode(child, &node, static_cast<std::uint16_t>(i), static_cast<std::uint8_t>(level - 1),
+                                 limit);
+            if (error != kEngineNoError) return error;
+        }
+        return kEngineNoError;
+    }
+    if (!fInfo->fIsData) return kEngineNoError;
+    for (std::uint32_t slot = 0; slot < CountOf(node.Data()); ++slot) {
+        const std::uint8_t* cell = TDataLeaf::Cell(node.Data(), slot);
+        const std::uint32_t total = Get32(cell + 4);
+        const std::uint32_t inlined = Get32(cell + 8);
+        if (total <= inlined) continue;
+        bool reaches = false;
+        if ((error = ChainReaches(Get32(cell + kCellHead + inlined), total - inlined, limit, &reaches)) !=
+            kEngineNoError)
+            return error;
+        if (!reaches) continue;
+        if ((error = MakeWritable(&node, parent, index)) != kEngineNoError) return error;
+        std::uint8_t* at = node.Data() + TDataLeaf::Slot(node.Data(), slot) + kCellHead + inlined;
+        std::uint32_t copy = 0;
+        if ((error = CopyOverflow(Get32(at), total - inlined, &copy)) != kEngineNoError) return error;
+        node.MarkDirty();
+        Put32(at, copy);
+    }
+    return kEngineNoError;
+}
+
+std::int16_t TTree::KeyWithin(const std::uint8_t* page, std::uint8_t* key, bool* found) {
+    *found = false;
+    const std::uint32_t n = CountOf(page);
+    const std::uint8_t level = page[kPageLevelAt];
+    if (level > 0) {
+        const TInterior interior{InteriorKeyLength()};
+        if (n >= 2) {
+            std::memcpy(key, interior.Entry(page, 1), interior.fKey);
+            *found = true;
+            return kEngineNoError;
+        }
+        if (n == 0) return kEngineNoError;
+        TPageRef child;
+        const std::int16_t error = FetchNode(interior.Child(page, 0), static_cast<std::uint8_t>(level - 1), &child);
+        if (error != kEngineNoError) return error;
+        return KeyWithin(child.Data(), key, found);
+    }
+    if (n == 0) return kEngineNoError;
+    if (fInfo->fIsData) {
+        BigKey(TDataLeaf::Record(page, 0), key);
+    } else {
+        std::memcpy(key, TIndexLeaf{fInfo->fKeyLength}.Entry(page, 0), fInfo->fKeyLength);
+    }
+    *found = true;
+    return kEngineNoError;
+}
+
+std::int16_t TTree::MovePathDown(std::uint32_t number, bool* moved) {
+    *moved = false;
+    fInfo->fHintRecord = 0;
+    std::vector<std::uint8_t> key(std::max<std::size_t>(fInfo->fKeyLength, 4), 0);
+    if (number != fInfo->fRoot) {
+        TPage* raw = nullptr;
+        std::int16_t error = fPager->Fetch(number, &raw);
+        if (error != kEngineNoError) return error;
+        TPageRef page(fPager, raw);
+        const std::uint8_t type = page.Data()[kPageTypeAt];
+        if (type != kPageTypeInterior && type != kPageTypeIndexLeaf && type != kPageTypeDataLeaf)
+            return kEngineNoError;
+        TPageRef node;
+        if ((error = FetchNode(number, page.Data()[kPageLevelAt], &node)) != kEngineNoError) return error;
+        bool found = false;
+        if ((error = KeyWithin(node.Data(), key.data(), &found)) != kEngineNoError || !found) return error;
+    }
+    TPath path;
+    TPageRef leaf;
+    bool rightmost = false;
+    std::int16_t error = Descend(key.data(), &path, &leaf, &rightmost);
+    if (error != kEngineNoError) return error;
+    bool onPath = leaf.Number() == number;
+    for (const TStep& step : path) onPath = onPath || step.fPage.Number() == number;
+    if (!onPath) return kEngineNoError;
+    if ((error = MakePathWritable(path, leaf)) != kEngineNoError) return error;
+    *moved = true;
+    return kEngineNoError;
+}
+
+// Whether a page of the chain is numbered at or above limit.
+std::int16_t TTree::ChainReaches(std::uint32_t head, std::uint32_t length, std::uint32_t limit, bool* reaches) {
+    *reaches = false;
+    std::uint32_t number = head;
+    for (std::uint32_t pages = (length + kOverflowBytes - 1) / kOverflowBytes; pages > 0; --pages) {
+        if (number == 0) return kPageDamaged;
+        if (number >= limit) {
+            *reaches = true;
+            return kEngineNoError;
+        }
+        TPage* raw = nullptr;
+        const std::int16_t error = fPager->Fetch(number, &raw);
+        if (error != kEngineNoError) return error;
+        TPageRef page(fPager, raw);
+        if (page.Data()[kPageTypeAt] != kPageTypeOverflow || Get32(page.Data() + kPageOwnerAt) != fInfo->fMember)
+            return kPageDamaged;
+        number = Get32(page.Data() + kPageAuxAt);
+    }
+    return kEngineNoError;
+}
+
+// Copies a chain front to back into new pages and frees the old ones.
+std::int16_t TTree::CopyOverflow(std::uint32_t head, std::uint32_t length, std::uint32_t* copy) {
+    *copy = 0;
+    TPageRef previous;
+    std::uint32_t number = head;
+    for (std::uint32_t pages = (length + kOverflowBytes - 1) / kOverflowBytes; pages > 0; --pages) {
+        if (number == 0) return kPageDamaged;
+        TPage* raw = nullptr;
+        std::int16_t error = fPager->Fetch(number, &raw);
+        if (error != kEngineNoError) return error;
+        TPageRef old(fPager, raw);
+        if (old.Data()[kPageTypeAt] != kPageTypeOverflow || Get32(old.Data() + kPageOwnerAt) != fInfo->fMember)
+            return kPageDamaged;
+        TPageRef page;
+        if ((error = NewNode(kPageTypeOverflow, 0, &page)) != kEngineNoError) return error;
+        std::memcpy(page.Data(), old.Data(), kPageBodySize);
+        Put32(page.Data() + kPageAuxAt, 0);
+        if (previous) {
+            Put32(previous.Data() + kPageAuxAt, page.Number());
+        } else {
+            *copy = page.Number();
+        }
+        const std::uint32_t next = Get32(old.Data() + kPageAuxAt);
+        old.Reset();
+        fPager->FreePage(number);
+        previous = std::move(page);
         number = next;
     }
     return kEngineNoError;

@@ -75,7 +75,7 @@ public:
 
     // --- Data trees.
     // *page (if given) receives the data page the record went to.
-    std::int16_t DataInsert(std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length,
+    std::int16_t DataInsert(std::uint32_t record, const TByteSource& bytes, std::uint32_t length,
                             std::uint32_t* page = nullptr);
     std::int16_t DataDelete(std::uint32_t record, bool* found);
     std::int16_t DataLength(std::uint32_t record, std::uint32_t* length, bool* found);
@@ -86,6 +86,17 @@ public:
     // length: one lookup for both.
     std::int16_t DataReadUpTo(std::uint32_t record, std::uint32_t limit, std::uint8_t* out, std::uint32_t* length,
                               bool* found, std::uint32_t hint = 0);
+
+    // --- Compaction: every page of the tree numbered at or above limit moves
+    // to the lowest free page, copied as a change would copy it (interior
+    // nodes are copied whatever their number, so that their children can
+    // move). The pages left behind are free after the next checkpoint.
+    std::int16_t Relocate(std::uint32_t limit);
+    // Copies the path from the root to the tree page `number` (one of this
+    // tree's nodes) to the lowest free pages, as a change along it would.
+    // False in *moved when the page is not a node this tree can reach by a
+    // key (an overflow page, say).
+    std::int16_t MovePathDown(std::uint32_t number, bool* moved);
 
     // --- Walking the whole tree (integrity check).
     struct TVisitor {
@@ -153,13 +164,23 @@ private:
     std::uint32_t NodeTotal(const std::uint8_t* page) const;
     bool Underfull(const std::uint8_t* page) const;
 
-    std::int16_t WriteOverflow(const std::uint8_t* bytes, std::uint32_t length, std::uint32_t* head);
+    // The length bytes of the source from skip on, in a new chain.
+    std::int16_t WriteOverflow(const TByteSource& bytes, std::uint32_t skip, std::uint32_t length,
+                               std::uint32_t* head);
     std::int16_t FreeOverflow(std::uint32_t head, std::uint32_t length);
     std::int16_t ReadOverflow(std::uint32_t head, std::uint32_t skip, std::uint8_t* out, std::uint32_t length);
     std::int16_t FindCell(std::uint32_t record, TPath* path, TPageRef* leaf, int* slot);
     // FindCell for reading: uses and sets the tree's hint.
     std::int16_t LocateRecord(std::uint32_t record, TPageRef* leaf, int* slot, std::uint32_t hint = 0);
     bool TryHint(std::uint32_t hint, std::uint32_t record, TPageRef* leaf, int* slot);
+
+    std::int16_t RelocateNode(TPageRef& node, TPageRef* parent, std::uint16_t index, std::uint8_t level,
+                              std::uint32_t limit);
+    // A key whose search passes through the node: its first key, or its
+    // first child's.
+    std::int16_t KeyWithin(const std::uint8_t* page, std::uint8_t* key, bool* found);
+    std::int16_t ChainReaches(std::uint32_t head, std::uint32_t length, std::uint32_t limit, bool* reaches);
+    std::int16_t CopyOverflow(std::uint32_t head, std::uint32_t length, std::uint32_t* copy);
 
     std::int16_t WalkNode(std::uint32_t number, std::uint8_t level, const std::vector<std::uint8_t>& low,
                           const std::vector<std::uint8_t>& high, bool hasHigh, std::uint32_t* count,

@@ -2,6 +2,7 @@
 #include "engine/Engine.h"
 
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,6 +42,8 @@ struct TEngineState {
     std::vector<std::uint8_t> fKey;
     std::vector<std::uint8_t> fHighKey;
     std::vector<std::uint8_t> fFoundKey;
+    // Why the last open refused a file it found.
+    std::string fOpenProblem;
 };
 
 TEngineState gEngine;
@@ -191,6 +194,12 @@ std::int16_t FindRecordByKey(std::int16_t indexFile, const void* key, void* reco
     return Result(error, index->fDataSlot);
 }
 
+// Memory ran out inside a call: the call answers it, and changed nothing
+// (a host file undoes its own changes before the exception gets here). Every
+// call below that can allocate is a function-try-block, so that no exception
+// ever leaves the engine.
+std::int16_t OutOfMemory() { return Fail(kEngineOutOfMemory, 0); }
+
 void CopyKey(const TSlot& index, const std::uint8_t* key, void* keyBuffer) {
     if (keyBuffer == nullptr) return;
     std::memcpy(keyBuffer, key, static_cast<std::size_t>(index.fHost->Member(index.fMember).fKeyLength));
@@ -202,7 +211,7 @@ void CopyKey(const TSlot& index, const std::uint8_t* key, void* keyBuffer) {
 // Start and stop
 
 std::int16_t EngineInit(std::int16_t buffers, std::int16_t fileSlots, std::int16_t nodeSectors,
-                        std::int16_t dataBuffers, std::int16_t profileWord) {
+                        std::int16_t dataBuffers, std::int16_t profileWord) try {
     ClearError();
     if (gEngine.fInitialised || fileSlots <= 0) return Fail(IINT_ERR, 0);
     gEngine.fSlots.clear();
@@ -214,9 +223,11 @@ std::int16_t EngineInit(std::int16_t buffers, std::int16_t fileSlots, std::int16
     gEngine.fKeysTransformed = false;
     gEngine.fInitialised = true;
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t EngineStop() {
+std::int16_t EngineStop() try {
     ClearError();
     if (!gEngine.fInitialised) return kEngineNoError;
     for (std::size_t i = 0; i < gEngine.fSlots.size(); ++i) {
@@ -226,6 +237,8 @@ std::int16_t EngineStop() {
     gEngine.fSlots.clear();
     gEngine.fInitialised = false;
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
 void EngineReleaseMemory() { engine::TPager::ReleaseFramePool(); }
@@ -237,7 +250,7 @@ void SetKeysArriveTransformed(bool transformed) { gEngine.fKeysTransformed = tra
 // ---------------------------------------------------------------------------
 // Host files
 
-std::int16_t CreateHostFile(std::int16_t fileNumber, const char* name, std::int32_t, std::int32_t, std::uint16_t) {
+std::int16_t CreateHostFile(std::int16_t fileNumber, const char* name, std::int32_t, std::int32_t, std::uint16_t) try {
     ClearError();
     if (!gEngine.fInitialised || !InRange(fileNumber)) return Fail(kFileNotActive, fileNumber);
     if (gEngine.fSlots[fileNumber].fKind != SlotKind::kFree) return Fail(kFileNumberInUse, fileNumber);
@@ -251,15 +264,18 @@ std::int16_t CreateHostFile(std::int16_t fileNumber, const char* name, std::int3
     slot.fHost = host.get();
     slot.fOwnedHost = std::move(host);
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t OpenHostFile(std::int16_t fileNumber, const char* name, std::uint16_t mode) {
+std::int16_t OpenHostFile(std::int16_t fileNumber, const char* name, std::uint16_t mode) try {
     ClearError();
     if (!gEngine.fInitialised || !InRange(fileNumber)) return Fail(kFileNotActive, fileNumber);
     if (gEngine.fSlots[fileNumber].fKind != SlotKind::kFree) return Fail(kFileNumberInUse, fileNumber);
     if (name == nullptr || name[0] == '\0') return Fail(kFileNotOpened, fileNumber);
     std::unique_ptr<THostFile> host;
-    const std::int16_t error = THostFile::Open(name, (mode & kHostReadOnlyBit) != 0, &host);
+    gEngine.fOpenProblem.clear();
+    const std::int16_t error = THostFile::Open(name, (mode & kHostReadOnlyBit) != 0, &host, &gEngine.fOpenProblem);
     if (error != kEngineNoError) return Fail(kFileNotOpened, fileNumber);
     TSlot& slot = gEngine.fSlots[fileNumber];
     slot = TSlot{};
@@ -267,9 +283,11 @@ std::int16_t OpenHostFile(std::int16_t fileNumber, const char* name, std::uint16
     slot.fHost = host.get();
     slot.fOwnedHost = std::move(host);
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t CloseHostFile(std::int16_t fileNumber, std::uint16_t) {
+std::int16_t CloseHostFile(std::int16_t fileNumber, std::uint16_t) try {
     ClearError();
     if (!InRange(fileNumber)) FatalError(kFatalBadHostFileNumber);
     TSlot* slot = SlotOf(fileNumber, SlotKind::kHost);
@@ -281,6 +299,8 @@ std::int16_t CloseHostFile(std::int16_t fileNumber, std::uint16_t) {
     const std::int16_t error = slot->fHost->Close();
     *slot = TSlot{};
     return Result(error, fileNumber);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
 const engine::TPagerStats* HostFileStats(std::int16_t fileNumber) {
@@ -292,7 +312,7 @@ const engine::TPagerStats* HostFileStats(std::int16_t fileNumber) {
 // ---------------------------------------------------------------------------
 // Member files
 
-std::int16_t CreateFilesFromDefinition(FileDefinition* definition) {
+std::int16_t CreateFilesFromDefinition(FileDefinition* definition) try {
     ClearError();
     if (!gEngine.fInitialised) return Fail(kFileNotActive, 0);
     if (!ValidDefinition(definition)) return Fail(kBadArgument, 0);
@@ -307,9 +327,11 @@ std::int16_t CreateFilesFromDefinition(FileDefinition* definition) {
     error = host->CreateMembers(*definition, dataName);
     if (error != kEngineNoError) return Fail(error, first);
     return Result(OpenMembers(definition, host, dataName), first);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t OpenFilesFromDefinition(FileDefinition* definition) {
+std::int16_t OpenFilesFromDefinition(FileDefinition* definition) try {
     ClearError();
     if (!gEngine.fInitialised) return Fail(kFileNotActive, 0);
     if (!ValidDefinition(definition)) return Fail(kBadArgument, 0);
@@ -319,9 +341,11 @@ std::int16_t OpenFilesFromDefinition(FileDefinition* definition) {
     THostFile* host = OpenHostNamed(hostName);
     if (host == nullptr) return Fail(kFileNotOpened, 0);
     return Result(OpenMembers(definition, host, dataName), definition->fDataFileNumber);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t CloseFilesFromDefinition(FileDefinition* definition) {
+std::int16_t CloseFilesFromDefinition(FileDefinition* definition) try {
     ClearError();
     if (!ValidDefinition(definition)) return Fail(kBadArgument, 0);
     const std::int16_t first = definition->fChosenDataFileNumber;
@@ -334,9 +358,11 @@ std::int16_t CloseFilesFromDefinition(FileDefinition* definition) {
             gEngine.fSlots[number] = TSlot{};
     }
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t SetFileWord(std::int16_t fileNumber, const void* twoBytes) {
+std::int16_t SetFileWord(std::int16_t fileNumber, const void* twoBytes) try {
     ClearError();
     if (!gEngine.fInitialised || !InRange(fileNumber) || gEngine.fSlots[fileNumber].fKind == SlotKind::kFree ||
         gEngine.fSlots[fileNumber].fKind == SlotKind::kHost)
@@ -344,33 +370,55 @@ std::int16_t SetFileWord(std::int16_t fileNumber, const void* twoBytes) {
     if (twoBytes == nullptr) return Fail(kBadArgument, fileNumber);
     // The setting is accepted and changes nothing this engine relies on.
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
 // ---------------------------------------------------------------------------
 // Records
 
-std::int16_t AddVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length) {
+std::int16_t AddVarRecordParts(std::int16_t dataFile, const void* first, std::uint32_t firstLength,
+                               const void* second, std::uint32_t secondLength) try {
     ClearError();
     TSlot* data = SlotOf(dataFile, SlotKind::kData);
     if (data == nullptr) return engine::gErrorState.fError;
-    if (buffer == nullptr) return Fail(kBadArgument, dataFile);
+    if ((first == nullptr && firstLength != 0) || (second == nullptr && secondLength != 0) ||
+        firstLength > UINT32_MAX - secondLength)
+        return Fail(kBadArgument, dataFile);
+    const engine::TMemoryBytes bytes(static_cast<const std::uint8_t*>(first), firstLength,
+                                     static_cast<const std::uint8_t*>(second), secondLength);
     std::uint32_t record = 0;
-    const std::int16_t error =
-        data->fHost->AddRecord(data->fMember, static_cast<const std::uint8_t*>(buffer), length, &record);
+    const std::int16_t error = data->fHost->AddRecord(data->fMember, bytes, &record);
     if (error != kEngineNoError) return Fail(error, dataFile);
     data->fCurrent = record;
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t GetRecordByKey(std::int16_t indexFile, const void* key, void* recordBuffer) {
+std::int16_t AddVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length) try {
+    if (buffer == nullptr) {
+        ClearError();
+        return Fail(SlotOf(dataFile, SlotKind::kData) == nullptr ? kFileNotActive : kBadArgument, dataFile);
+    }
+    return AddVarRecordParts(dataFile, buffer, length, nullptr, 0);
+} catch (const std::exception&) {
+    return OutOfMemory();
+}
+
+std::int16_t GetRecordByKey(std::int16_t indexFile, const void* key, void* recordBuffer) try {
     return FindRecordByKey(indexFile, key, recordBuffer, FindMode::kEqual);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t GetRecordAtOrBefore(std::int16_t indexFile, const void* key, void* recordBuffer) {
+std::int16_t GetRecordAtOrBefore(std::int16_t indexFile, const void* key, void* recordBuffer) try {
     return FindRecordByKey(indexFile, key, recordBuffer, FindMode::kAtOrBefore);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* keyBuffer) {
+std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* keyBuffer) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
@@ -387,9 +435,11 @@ std::uint32_t FindKeyAtOrAfter(std::int16_t indexFile, const void* key, void* ke
     index->fHost->MakeTreeKey(index->fMember, found.data(), record, &index->fLastKey);
     CopyKey(*index, found.data(), keyBuffer);
     return record;
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
-std::uint32_t NthKey(std::int16_t indexFile, std::uint32_t n, void* keyBuffer) {
+std::uint32_t NthKey(std::int16_t indexFile, std::uint32_t n, void* keyBuffer) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
@@ -402,11 +452,13 @@ std::uint32_t NthKey(std::int16_t indexFile, std::uint32_t n, void* keyBuffer) {
     index->fLastKey = treeKey;
     CopyKey(*index, treeKey.data(), keyBuffer);
     return record;
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
 std::uint32_t FirstKey(std::int16_t indexFile, void* keyBuffer) { return NthKey(indexFile, 0, keyBuffer); }
 
-std::uint32_t NextKey(std::int16_t indexFile, void* keyBuffer) {
+std::uint32_t NextKey(std::int16_t indexFile, void* keyBuffer) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
@@ -421,18 +473,22 @@ std::uint32_t NextKey(std::int16_t indexFile, void* keyBuffer) {
     index->fLastKey = next;
     CopyKey(*index, next.data(), keyBuffer);
     return record;
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
-std::int16_t ReadFixedAt(std::int16_t dataFile, std::uint32_t position, void* buffer) {
+std::int16_t ReadFixedAt(std::int16_t dataFile, std::uint32_t position, void* buffer) try {
     ClearError();
     TSlot* data = SlotOf(dataFile, SlotKind::kData);
     if (data == nullptr) return engine::gErrorState.fError;
     if (buffer == nullptr) return Fail(kBadArgument, dataFile);
     if (position == 0) return Fail(kBadRecordPosition, dataFile);
     return Result(ReadFixedPart(*data, position, buffer), dataFile);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::uint32_t VarRecordLength(std::int16_t dataFile) {
+std::uint32_t VarRecordLength(std::int16_t dataFile) try {
     ClearError();
     TSlot* data = SlotOf(dataFile, SlotKind::kData);
     if (data == nullptr) return 0;
@@ -446,9 +502,11 @@ std::uint32_t VarRecordLength(std::int16_t dataFile) {
         return Fail(kNoCurrentRecord, dataFile), 0;
     }
     return length;
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
-std::int16_t ReadVarRecord(std::int16_t dataFile, void* buffer, std::uint32_t bufferLength) {
+std::int16_t ReadVarRecord(std::int16_t dataFile, void* buffer, std::uint32_t bufferLength) try {
     ClearError();
     TSlot* data = SlotOf(dataFile, SlotKind::kData);
     if (data == nullptr) return engine::gErrorState.fError;
@@ -463,20 +521,37 @@ std::int16_t ReadVarRecord(std::int16_t dataFile, void* buffer, std::uint32_t bu
     // The buffer holds as much as fitted; the caller asked for all of it.
     if (bufferLength < length) return Fail(kBufferTooSmall, dataFile);
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t ReWriteVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length) {
+std::int16_t ReWriteVarRecordParts(std::int16_t dataFile, const void* first, std::uint32_t firstLength,
+                                   const void* second, std::uint32_t secondLength) try {
     ClearError();
     TSlot* data = SlotOf(dataFile, SlotKind::kData);
     if (data == nullptr) return engine::gErrorState.fError;
-    if (buffer == nullptr) return Fail(kBadArgument, dataFile);
+    if ((first == nullptr && firstLength != 0) || (second == nullptr && secondLength != 0) ||
+        firstLength > UINT32_MAX - secondLength)
+        return Fail(kBadArgument, dataFile);
     if (data->fCurrent == 0) return Fail(kNoCurrentRecord, dataFile);
-    const std::int16_t error = data->fHost->RewriteRecord(data->fMember, data->fCurrent,
-                                                          static_cast<const std::uint8_t*>(buffer), length);
-    return Result(error, dataFile);
+    const engine::TMemoryBytes bytes(static_cast<const std::uint8_t*>(first), firstLength,
+                                     static_cast<const std::uint8_t*>(second), secondLength);
+    return Result(data->fHost->RewriteRecord(data->fMember, data->fCurrent, bytes), dataFile);
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
-std::int16_t DeleteVarRecord(std::int16_t dataFile) {
+std::int16_t ReWriteVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length) try {
+    if (buffer == nullptr) {
+        ClearError();
+        return Fail(SlotOf(dataFile, SlotKind::kData) == nullptr ? kFileNotActive : kBadArgument, dataFile);
+    }
+    return ReWriteVarRecordParts(dataFile, buffer, length, nullptr, 0);
+} catch (const std::exception&) {
+    return OutOfMemory();
+}
+
+std::int16_t DeleteVarRecord(std::int16_t dataFile) try {
     ClearError();
     TSlot* data = SlotOf(dataFile, SlotKind::kData);
     if (data == nullptr) return engine::gErrorState.fError;
@@ -485,12 +560,14 @@ std::int16_t DeleteVarRecord(std::int16_t dataFile) {
     if (error != kEngineNoError) return Fail(error, dataFile);
     data->fCurrent = 0;
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
 // ---------------------------------------------------------------------------
 // Keys and counts
 
-std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const void* highKey) {
+std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const void* highKey) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
@@ -506,9 +583,11 @@ std::uint32_t CountKeyRange(std::int16_t indexFile, const void* lowKey, const vo
     if (below > total) FatalError(kFatalRangeCountLow);
     if (upTo > total) FatalError(kFatalRangeCountHigh);
     return upTo > below ? upTo - below : 0;
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
-std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key) {
+std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
@@ -518,32 +597,39 @@ std::uint32_t CountKeysBelow(std::int16_t indexFile, const void* key) {
     const std::int16_t error = index->fHost->CountBelow(index->fMember, stored.data(), false, &below);
     if (error != kEngineNoError) return Fail(error, indexFile), 0;
     return below;
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
-std::uint32_t CountIndexEntries(std::int16_t indexFile) {
+std::uint32_t CountIndexEntries(std::int16_t indexFile) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return 0;
     return index->fHost->KeyCount(index->fMember);
+} catch (const std::exception&) {
+    return OutOfMemory(), 0;
 }
 
-std::int16_t TransformKey(std::int16_t indexFile, void* key) {
+std::int16_t TransformKey(std::int16_t indexFile, void* key) try {
     ClearError();
     TSlot* index = SlotOf(indexFile, SlotKind::kIndex);
     if (index == nullptr) return engine::gErrorState.fError;
     if (key == nullptr) return Fail(kBadArgument, indexFile);
     index->fHost->TransformKey(index->fMember, static_cast<std::uint8_t*>(key));
     return kEngineNoError;
+} catch (const std::exception&) {
+    return OutOfMemory();
 }
 
 // ---------------------------------------------------------------------------
 // Integrity
 
-std::int16_t CheckHostFile(const char* name, TIntegrityReport* report, const TProgress& progress) {
+std::int16_t CheckHostFile(const char* name, TIntegrityReport* report, const TProgress& progress) try {
     if (name == nullptr || report == nullptr) return kBadArgument;
     *report = TIntegrityReport{};
     std::unique_ptr<THostFile> host;
-    if (THostFile::Open(name, true, &host) != kEngineNoError) return kFileNotOpened;
+    gEngine.fOpenProblem.clear();
+    if (THostFile::Open(name, true, &host, &gEngine.fOpenProblem) != kEngineNoError) return kFileNotOpened;
     std::uint64_t size = 0;
     std::unique_ptr<engine::TFile> file = engine::CurrentFileSystem()->Open(name, engine::OpenMode::kReadOnly, nullptr);
     if (file) file->Size(&size);
@@ -552,4 +638,23 @@ std::int16_t CheckHostFile(const char* name, TIntegrityReport* report, const TPr
     const std::int16_t error = host->Check(report, progress);
     host->Close();
     return error;
+} catch (const std::exception&) {
+    return kEngineOutOfMemory;
 }
+
+std::int16_t CompactHostFile(const char* name, TCompactReport* report) try {
+    if (name == nullptr || report == nullptr) return kBadArgument;
+    *report = TCompactReport{};
+    std::unique_ptr<THostFile> host;
+    gEngine.fOpenProblem.clear();
+    if (THostFile::Open(name, false, &host, &gEngine.fOpenProblem) != kEngineNoError) return kFileNotOpened;
+    report->fBytesBefore = host->FileBytes();
+    std::int16_t error = host->Compact();
+    report->fBytesAfter = host->FileBytes();
+    const std::int16_t closed = host->Close();
+    return error != kEngineNoError ? error : closed;
+} catch (const std::exception&) {
+    return kEngineOutOfMemory;
+}
+
+const char* EngineOpenProblem() { return gEngine.fOpenProblem.c_str(); }

@@ -18,7 +18,12 @@
 // Durability: every mutating call is all-or-nothing. Once it has returned,
 // its effect survives the end of the process at any instant; a loss of power
 // may lose the operations since the last checkpoint or close but never leaves
-// a damaged file.
+// a damaged file. A call that fails (a refused write, a damaged page) changes
+// nothing, and the file goes on; only a failed sync leaves it refusing every
+// call until it is opened again.
+//
+// No call throws: memory that runs out anywhere inside one is answered with
+// kEngineOutOfMemory, and the call changes nothing.
 #ifndef KAVO_ENGINE_ENGINE_H
 #define KAVO_ENGINE_ENGINE_H
 
@@ -109,7 +114,12 @@ std::int16_t CreateHostFile(std::int16_t fileNumber, const char* name, std::int3
 // kFileNumberInUse when the number is in use; kFileNotOpened when the file is missing,
 // held by another open, not a host file of this engine, or damaged.
 std::int16_t OpenHostFile(std::int16_t fileNumber, const char* name, std::uint16_t mode);
-// Checkpoints and closes; after a clean close only the host file remains.
+// When the last OpenHostFile, CheckHostFile or CompactHostFile answered
+// kFileNotOpened for a file that exists: why it was refused ("database
+// format version 1; this library reads version 2", "damaged: ...", "in use
+// by another program"); otherwise empty.
+const char* EngineOpenProblem();
+// Checkpoints and closes.
 // A number outside 0 .. fileSlots - 1 is the fatal internal error 22.
 std::int16_t CloseHostFile(std::int16_t fileNumber, std::uint16_t mode);
 
@@ -131,6 +141,10 @@ std::int16_t SetFileWord(std::int16_t fileNumber, const void* twoBytes);
 // Adds a record (at least the fixed length) and one key per index.
 // kKeyExists when a unique key exists already; kNoWritePermission on a read-only file.
 std::int16_t AddVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length);
+// The same with the record in two runs, a fixed part and the rest, so that a
+// caller need not copy a long record to put the two together.
+std::int16_t AddVarRecordParts(std::int16_t dataFile, const void* first, std::uint32_t firstLength,
+                               const void* second, std::uint32_t secondLength);
 // Finds the key equal to key (transformed first unless keys arrive
 // transformed), makes its record the data file's current record and reads the
 // fixed part into recordBuffer. kEngineKeyNotFound when no key is equal.
@@ -158,6 +172,8 @@ std::int16_t ReadVarRecord(std::int16_t dataFile, void* buffer, std::uint32_t bu
 // Replaces the current record and every key that changed. kKeyExists when a
 // new unique key belongs to another record.
 std::int16_t ReWriteVarRecord(std::int16_t dataFile, const void* buffer, std::uint32_t length);
+std::int16_t ReWriteVarRecordParts(std::int16_t dataFile, const void* first, std::uint32_t firstLength,
+                                   const void* second, std::uint32_t secondLength);
 // Deletes the current record and its keys; no record is current afterwards.
 std::int16_t DeleteVarRecord(std::int16_t dataFile);
 
@@ -194,6 +210,12 @@ struct TIntegrityReport {
     std::uint32_t fRecords = 0;     // over every data file of the host
     std::uint32_t fKeys = 0;        // over every index
     std::vector<std::string> fProblems;  // empty: the file is sound
+    // Operations the file's log held beyond its last checkpoint (redone in
+    // memory for the check), and what stopped the log's replay early when a
+    // frame was damaged or cut short (the file is then sound, but the
+    // operations after that frame are lost: a loss of power can do that).
+    std::uint32_t fLogFrames = 0;
+    std::string fLogNote;
 };
 
 // Called now and then with the pages checked so far and the total.
@@ -206,6 +228,19 @@ using TProgress = std::function<void(std::uint32_t done, std::uint32_t total)>;
 // kEngineNoError when the file could be examined (sound or not: see
 // fProblems), kFileNotOpened when it could not be opened at all.
 std::int16_t CheckHostFile(const char* name, TIntegrityReport* report, const TProgress& progress = {});
+
+struct TCompactReport {
+    std::uint64_t fBytesBefore = 0;
+    std::uint64_t fBytesAfter = 0;
+};
+
+// Opens the host file for writing on its own (it must not be open), moves
+// its pages down into the free pages below them and gives back the end of the
+// file, round by round, each round a checkpoint: the file is sound and whole
+// at every instant, and held against every other open throughout.
+// kFileNotOpened when it cannot be opened for writing; kWriteFailed when a
+// round could not be written (the rounds before it stand).
+std::int16_t CompactHostFile(const char* name, TCompactReport* report);
 
 // What an open host file's pager has done since it was opened (pages
 // visited, allocated, read and written, log bytes, checkpoints, syncs), for

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <set>
 
 #include "engine/Bytes.h"
 #include "engine/EngineErrors.h"
+#include "engine/StatusLog.h"
 
 namespace engine {
 namespace {
@@ -227,43 +229,99 @@ std::int16_t THostFile::Create(const std::string& path, std::unique_ptr<THostFil
     return kEngineNoError;
 }
 
-std::int16_t THostFile::Open(const std::string& path, bool readOnly, std::unique_ptr<THostFile>* host) {
+std::int16_t THostFile::Open(const std::string& path, bool readOnly, std::unique_ptr<THostFile>* host,
+                             std::string* problem) {
+    std::string ignored;
+    if (problem == nullptr) problem = &ignored;
     std::unique_ptr<TPager> pager;
-    std::vector<TLogRecord> replay;
-    std::int16_t error = TPager::Open(path, readOnly, &pager, &replay);
+    std::int16_t error = TPager::Open(path, readOnly, &pager, problem);
     if (error != kEngineNoError) return error;
     std::unique_ptr<THostFile> made(new THostFile(std::move(pager)));
-    if (made->LoadCatalog(made->fPager->StoredCatalog()) != kEngineNoError) return kFileNotOpened;
-    if (!replay.empty()) {
-        if (made->Replay(replay) != kEngineNoError) return kFileNotOpened;
-        // The redone operations reach the file at once.
-        if (!readOnly && made->fPager->Checkpoint(made->SaveCatalog()) != kEngineNoError) return kFileNotOpened;
+    if (made->LoadCatalog(made->fPager->StoredCatalog()) != kEngineNoError) {
+        *problem = "damaged: its catalog does not hold";
+        return kFileNotOpened;
+    }
+    if (made->Replay() != kEngineNoError) {
+        *problem = "damaged: its log cannot be redone";
+        return kFileNotOpened;
+    }
+    const TReplayReport& replay = made->fPager->LastReplay();
+    if (replay.fStoppedAtDamage) {
+        const std::string text = path + ": " + replay.Describe();
+        LogStatus(text.c_str(), kPageDamaged);
+    }
+    // The redone operations (and the extents their log took) reach the file
+    // at once.
+    if (!readOnly && made->fPager->HasChanges() &&
+        made->fPager->Checkpoint(made->SaveCatalog()) != kEngineNoError) {
+        *problem = "its log could not be written into it";
+        return kFileNotOpened;
     }
     *host = std::move(made);
     return kEngineNoError;
 }
 
-std::int16_t THostFile::Close() { return fPager->Close(SaveCatalog()); }
+std::int16_t THostFile::Close() {
+    if (!fPager->ReadOnly() && fPager->Poisoned() == 0) {
+        try {
+            if (fPager->Checkpoint(SaveCatalog()) == kEngineNoError) MoveDownTheEnd();
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    return fPager->Close(SaveCatalog());
+}
 
-std::int16_t THostFile::Replay(const std::vector<TLogRecord>& records) {
-    fReplaying = true;
+void THostFile::MoveDownTheEnd() {
+    const std::vector<std::uint32_t> pages = fPager->PagesHoldingTheEnd(16);
+    if (pages.empty()) return;
+    fPager->BeginOperation();
     std::int16_t error = kEngineNoError;
-    for (const TLogRecord& r : records) {
-        if (r.fMember >= fMembers.size() || !fMembers[r.fMember].fIsData) {
-            error = kFileNotOpened;
-            break;
+    try {
+        for (std::size_t i = 0; i < pages.size() && error == kEngineNoError; ++i) {
+            TPage* page = nullptr;
+            if ((error = fPager->Fetch(pages[i], &page)) != kEngineNoError) break;
+            const std::uint32_t owner = Get32(page->fData + kPageOwnerAt);
+            fPager->Unpin(page);
+            bool moved = false;
+            if (owner < fMembers.size())
+                error = TTree(fPager.get(), &fMembers[owner].fTree).MovePathDown(pages[i], &moved);
         }
-        const auto length = static_cast<std::uint32_t>(r.fPayload.size());
-        if (r.fKind == kFrameAdd) {
-            error = ApplyAdd(r.fMember, r.fAux, r.fPayload.data(), length, true);
-        } else if (r.fKind == kFrameRewrite) {
-            error = ApplyRewrite(r.fMember, r.fAux, r.fPayload.data(), length, true);
-        } else {
-            error = ApplyDelete(r.fMember, r.fAux);
-        }
-        if (error != kEngineNoError) break;
+    } catch (const std::bad_alloc&) {
+        error = kEngineOutOfMemory;
+    }
+    // Nothing is lost when the moves are undone: the file just stays long.
+    if (error != kEngineNoError && fPager->OperationChanged()) Recover(error);
+}
+
+std::int16_t THostFile::ApplyFrame(const TLogFrame& frame) {
+    if (frame.fMember >= fMembers.size() || !fMembers[frame.fMember].fIsData) return kFileNotOpened;
+    switch (frame.fKind) {
+        case kFrameAdd:
+            return ApplyAdd(frame.fMember, frame.fAux, *frame.fPayload, frame.fLength, true);
+        case kFrameRewrite:
+            return ApplyRewrite(frame.fMember, frame.fAux, *frame.fPayload, frame.fLength, true);
+        case kFrameDelete:
+            return ApplyDelete(frame.fMember, frame.fAux);
+        default:
+            return kFileNotOpened;
+    }
+}
+
+std::int16_t THostFile::Replay() {
+    fReplaying = true;
+    const std::int16_t error = fPager->ReplayLog([this](const TLogFrame& frame) { return ApplyFrame(frame); });
+    fReplaying = false;
+    return error;
+}
+
+std::int16_t THostFile::Recover(std::int16_t error) {
+    try {
+        fPager->ResetToCheckpoint();
+        if (LoadCatalog(fPager->StoredCatalog()) == kEngineNoError && Replay() == kEngineNoError) return error;
+    } catch (const std::exception&) {
     }
     fReplaying = false;
+    fPager->Poison(error);
     return error;
 }
 
@@ -296,8 +354,8 @@ std::int16_t THostFile::CreateMembers(const FileDefinition& definition, const st
         std::uint8_t existing = 0;
         if (FindMember(name, &existing) == kEngineNoError) return kFileNotCreated;
     }
-    std::vector<TMember> added;
     const auto first = static_cast<std::uint8_t>(fMembers.size());
+    std::vector<TMember> added;
     TMember data;
     data.fName = dataName;
     data.fIsData = true;
@@ -331,12 +389,21 @@ std::int16_t THostFile::CreateMembers(const FileDefinition& definition, const st
         fMembers.resize(first);
         return kFileFull;
     }
-    for (std::size_t i = first; i < fMembers.size(); ++i) {
-        const std::int16_t error = TTree::CreateEmpty(fPager.get(), &fMembers[i].fTree);
-        if (error != kEngineNoError) return Broken(error);
-    }
     // New members are made durable at once: creation is all or nothing.
-    return fPager->Checkpoint(SaveCatalog());
+    std::int16_t error = kEngineNoError;
+    fPager->BeginOperation();
+    try {
+        for (std::size_t i = first; i < fMembers.size() && error == kEngineNoError; ++i)
+            error = TTree::CreateEmpty(fPager.get(), &fMembers[i].fTree);
+        if (error == kEngineNoError) error = fPager->Checkpoint(SaveCatalog());
+    } catch (const std::bad_alloc&) {
+        error = kEngineOutOfMemory;
+    }
+    if (error != kEngineNoError) {
+        Recover(error);
+        fMembers.resize(first);
+    }
+    return error;
 }
 
 // ---------------------------------------------------------------------------
@@ -469,18 +536,24 @@ std::int16_t THostFile::Refusal() const {
     return fPager->Poisoned();
 }
 
-std::int16_t THostFile::Log(std::uint8_t kind, std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
-                            std::uint32_t length) {
-    if (fReplaying) return kEngineNoError;
-    std::int16_t error = fPager->AppendLog(kind, data, record, bytes, length);
-    if (error != kEngineNoError) return error;
-    // The operation is done; a checkpoint or write-back that fails now is
-    // felt by the next call.
-    if (fPager->CheckpointDue()) {
+
+// After each change: a checkpoint or write-back when one is due. A failure
+// leaves the file as it was; it is tried again later. A checkpoint always
+// comes after the change it follows is logged, so that it makes everything
+// up to that change durable.
+void THostFile::Upkeep() {
+    if (fPager->CheckpointDue() || fPager->ReclaimDue()) {
         fPager->Checkpoint(SaveCatalog());
     } else if (fPager->WriteBackDue()) {
         fPager->WriteBack();
     }
+}
+
+std::int16_t THostFile::FinishChange(std::int16_t error, std::uint8_t kind, std::uint8_t data, std::uint32_t record,
+                                     const TMemoryBytes& bytes) {
+    if (error == kEngineNoError) error = fPager->AppendLog(kind, data, record, bytes);
+    if (error != kEngineNoError) return fPager->OperationChanged() ? Recover(error) : error;
+    Upkeep();
     return kEngineNoError;
 }
 
@@ -508,49 +581,62 @@ std::int16_t THostFile::RecordKeys(std::uint8_t data, std::uint32_t record,
     return kEngineNoError;
 }
 
-std::int16_t THostFile::ApplyAdd(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
+std::int16_t THostFile::ReadKeyBytes(std::uint8_t data, const TByteSource& bytes, std::uint32_t length) {
+    std::uint32_t span = 0;
+    for (std::uint8_t index : fMembers[data].fIndexes) span = std::max(span, fMembers[index].KeySpan());
+    fKeyBytes.resize(std::min(span, length));
+    if (!fKeyBytes.empty() && !bytes.Read(0, fKeyBytes.data(), static_cast<std::uint32_t>(fKeyBytes.size())))
+        return kPageDamaged;
+    return kEngineNoError;
+}
+
+std::int16_t THostFile::ApplyAdd(std::uint8_t data, std::uint32_t record, const TByteSource& bytes,
                                  std::uint32_t length, bool checkKeys) {
     TMember& m = fMembers[data];
+    std::int16_t error = ReadKeyBytes(data, bytes, length);
+    if (error != kEngineNoError) return error;
     std::vector<std::vector<std::uint8_t>>& keys = fNewKeys;
     keys.resize(m.fIndexes.size());
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
         std::vector<std::uint8_t>& key = keys[i];
         key.resize(static_cast<std::size_t>(fMembers[index].fKeyLength));
-        BuildKey(index, bytes, length, key.data());
+        BuildKey(index, fKeyBytes.data(), static_cast<std::uint32_t>(fKeyBytes.size()), key.data());
         if (checkKeys && fMembers[index].fDuplicates == 0) {
             std::uint32_t other = 0;
             bool found = false;
-            const std::int16_t error = FindKey(index, FindMode::kEqual, key.data(), nullptr, &other, &found);
+            error = FindKey(index, FindMode::kEqual, key.data(), nullptr, &other, &found);
             if (error != kEngineNoError) return error;
             if (found) return kKeyExists;
         }
     }
-    // From here on a failure leaves the trees half changed.
     std::uint32_t where = 0;
-    std::int16_t error = TTree(fPager.get(), &m.fTree).DataInsert(record, bytes, length, &where);
-    if (error != kEngineNoError) return Broken(error);
+    if ((error = TTree(fPager.get(), &m.fTree).DataInsert(record, bytes, length, &where)) != kEngineNoError)
+        return error;
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
         MakeTreeKey(index, keys[i].data(), record, &fTreeKey);
         error = TTree(fPager.get(), &fMembers[index].fTree).IndexInsert(fTreeKey.data(), record, where);
-        if (error != kEngineNoError) return Broken(error);
+        if (error != kEngineNoError) return error;
     }
     if (record >= m.fNextRecord) m.fNextRecord = record + 1;
     return kEngineNoError;
 }
 
-std::int16_t THostFile::ApplyRewrite(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
+std::int16_t THostFile::ApplyRewrite(std::uint8_t data, std::uint32_t record, const TByteSource& bytes,
                                      std::uint32_t length, bool checkKeys) {
     TMember& m = fMembers[data];
-    std::vector<std::vector<std::uint8_t>> oldKeys;
+    std::vector<std::vector<std::uint8_t>>& oldKeys = fRecordKeys;
     std::int16_t error = RecordKeys(data, record, &oldKeys);
     if (error != kEngineNoError) return error;
-    std::vector<std::vector<std::uint8_t>> newKeys;
+    if ((error = ReadKeyBytes(data, bytes, length)) != kEngineNoError) return error;
+    std::vector<std::vector<std::uint8_t>>& newKeys = fNewKeys;
+    newKeys.resize(m.fIndexes.size());
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
-        std::vector<std::uint8_t> key(static_cast<std::size_t>(fMembers[index].fKeyLength));
-        BuildKey(index, bytes, length, key.data());
+        std::vector<std::uint8_t>& key = newKeys[i];
+        key.resize(static_cast<std::size_t>(fMembers[index].fKeyLength));
+        BuildKey(index, fKeyBytes.data(), static_cast<std::uint32_t>(fKeyBytes.size()), key.data());
         if (checkKeys && fMembers[index].fDuplicates == 0 && key != oldKeys[i]) {
             std::uint32_t other = 0;
             bool found = false;
@@ -558,23 +644,22 @@ std::int16_t THostFile::ApplyRewrite(std::uint8_t data, std::uint32_t record, co
             if (error != kEngineNoError) return error;
             if (found && other != record) return kKeyExists;
         }
-        newKeys.push_back(std::move(key));
     }
     TTree tree(fPager.get(), &m.fTree);
     bool found = false;
-    if ((error = tree.DataDelete(record, &found)) != kEngineNoError) return Broken(error);
+    if ((error = tree.DataDelete(record, &found)) != kEngineNoError) return error;
     if (!found) return kBadRecordPosition;
     std::uint32_t where = 0;
-    if ((error = tree.DataInsert(record, bytes, length, &where)) != kEngineNoError) return Broken(error);
+    if ((error = tree.DataInsert(record, bytes, length, &where)) != kEngineNoError) return error;
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         if (newKeys[i] == oldKeys[i]) continue;
         const std::uint8_t index = m.fIndexes[i];
         TTree indexTree(fPager.get(), &fMembers[index].fTree);
-        const std::vector<std::uint8_t> oldTreeKey = TreeKey(index, oldKeys[i].data(), record);
-        if ((error = indexTree.IndexDelete(oldTreeKey.data(), &found)) != kEngineNoError) return Broken(error);
-        if (!found) return Broken(kKeyNotDeleted);
-        const std::vector<std::uint8_t> newTreeKey = TreeKey(index, newKeys[i].data(), record);
-        if ((error = indexTree.IndexInsert(newTreeKey.data(), record, where)) != kEngineNoError) return Broken(error);
+        MakeTreeKey(index, oldKeys[i].data(), record, &fTreeKey);
+        if ((error = indexTree.IndexDelete(fTreeKey.data(), &found)) != kEngineNoError) return error;
+        if (!found) return kKeyNotDeleted;
+        MakeTreeKey(index, newKeys[i].data(), record, &fTreeKey);
+        if ((error = indexTree.IndexInsert(fTreeKey.data(), record, where)) != kEngineNoError) return error;
     }
     return kEngineNoError;
 }
@@ -585,46 +670,68 @@ std::int16_t THostFile::ApplyDelete(std::uint8_t data, std::uint32_t record) {
     std::int16_t error = RecordKeys(data, record, &keys);
     if (error != kEngineNoError) return error;
     bool found = false;
-    if ((error = TTree(fPager.get(), &m.fTree).DataDelete(record, &found)) != kEngineNoError) return Broken(error);
+    if ((error = TTree(fPager.get(), &m.fTree).DataDelete(record, &found)) != kEngineNoError) return error;
     if (!found) return kBadRecordPosition;
     for (std::size_t i = 0; i < m.fIndexes.size(); ++i) {
         const std::uint8_t index = m.fIndexes[i];
         MakeTreeKey(index, keys[i].data(), record, &fTreeKey);
         if ((error = TTree(fPager.get(), &fMembers[index].fTree).IndexDelete(fTreeKey.data(), &found)) !=
             kEngineNoError)
-            return Broken(error);
-        if (!found) return Broken(kKeyNotDeleted);
+            return error;
+        if (!found) return kKeyNotDeleted;
     }
     return kEngineNoError;
 }
 
-std::int16_t THostFile::AddRecord(std::uint8_t data, const std::uint8_t* bytes, std::uint32_t length,
-                                  std::uint32_t* record) {
+// Each change: the checks that refuse it without changing anything, the
+// change in the cache, its frame in the log; a failure once something has
+// changed is undone (FinishChange). Memory that runs out anywhere in it is a
+// failure like any other.
+std::int16_t THostFile::AddRecord(std::uint8_t data, const TMemoryBytes& bytes, std::uint32_t* record) {
     if (const std::int16_t refused = Refusal()) return refused;
     TMember& m = fMembers[data];
+    const std::uint32_t length = bytes.Length();
     if (length < m.fFixedLength || length > kMaxRecordLength) return kBadArgument;
     if (m.fNextRecord == 0 || m.fNextRecord == UINT32_MAX) return kFileFull;
     *record = m.fNextRecord;
-    const std::int16_t error = ApplyAdd(data, *record, bytes, length, true);
-    if (error != kEngineNoError) return error;
-    return Log(kFrameAdd, data, *record, bytes, length);
+    if (const std::int16_t error = fPager->RenewLog()) return error;
+    fPager->BeginOperation();
+    std::int16_t error = kEngineNoError;
+    try {
+        error = ApplyAdd(data, *record, bytes, length, true);
+    } catch (const std::bad_alloc&) {
+        error = kEngineOutOfMemory;
+    }
+    return FinishChange(error, kFrameAdd, data, *record, bytes);
 }
 
-std::int16_t THostFile::RewriteRecord(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
-                                      std::uint32_t length) {
+std::int16_t THostFile::RewriteRecord(std::uint8_t data, std::uint32_t record, const TMemoryBytes& bytes) {
     if (const std::int16_t refused = Refusal()) return refused;
     const TMember& m = fMembers[data];
+    const std::uint32_t length = bytes.Length();
     if (length < m.fFixedLength || length > kMaxRecordLength) return kBadArgument;
-    const std::int16_t error = ApplyRewrite(data, record, bytes, length, true);
-    if (error != kEngineNoError) return error;
-    return Log(kFrameRewrite, data, record, bytes, length);
+    if (const std::int16_t error = fPager->RenewLog()) return error;
+    fPager->BeginOperation();
+    std::int16_t error = kEngineNoError;
+    try {
+        error = ApplyRewrite(data, record, bytes, length, true);
+    } catch (const std::bad_alloc&) {
+        error = kEngineOutOfMemory;
+    }
+    return FinishChange(error, kFrameRewrite, data, record, bytes);
 }
 
 std::int16_t THostFile::DeleteRecord(std::uint8_t data, std::uint32_t record) {
     if (const std::int16_t refused = Refusal()) return refused;
-    const std::int16_t error = ApplyDelete(data, record);
-    if (error != kEngineNoError) return error;
-    return Log(kFrameDelete, data, record, nullptr, 0);
+    if (const std::int16_t error = fPager->RenewLog()) return error;
+    fPager->BeginOperation();
+    std::int16_t error = kEngineNoError;
+    try {
+        error = ApplyDelete(data, record);
+    } catch (const std::bad_alloc&) {
+        error = kEngineOutOfMemory;
+    }
+    return FinishChange(error, kFrameDelete, data, record, TMemoryBytes(nullptr, 0));
 }
 
 std::int16_t THostFile::RecordLength(std::uint8_t data, std::uint32_t record, std::uint32_t* length, bool* found) {
@@ -644,6 +751,32 @@ std::int16_t THostFile::ReadRecordUpTo(std::uint8_t data, std::uint32_t record, 
     *found = false;
     if (const std::int16_t refused = fPager->Poisoned()) return refused;
     return TTree(fPager.get(), &fMembers[data].fTree).DataReadUpTo(record, limit, out, length, found, hint);
+}
+
+// ---------------------------------------------------------------------------
+// Compaction
+
+std::int16_t THostFile::Compact() {
+    if (const std::int16_t refused = Refusal()) return refused;
+    // From a checkpoint every page in use is the last state's, and every
+    // free page is free now.
+    std::int16_t error = fPager->Checkpoint(SaveCatalog());
+    for (int round = 0; round < 8 && error == kEngineNoError; ++round) {
+        const std::uint32_t before = fPager->PageCount();
+        const std::uint32_t inUse = before - fPager->FreePageCount();
+        if (inUse >= before) break;
+        fPager->BeginOperation();
+        try {
+            for (std::size_t i = 0; i < fMembers.size() && error == kEngineNoError; ++i)
+                error = TTree(fPager.get(), &fMembers[i].fTree).Relocate(inUse);
+        } catch (const std::bad_alloc&) {
+            error = kEngineOutOfMemory;
+        }
+        if (error != kEngineNoError) return Recover(error);
+        if ((error = fPager->Checkpoint(SaveCatalog())) != kEngineNoError) break;
+        if (fPager->PageCount() >= before) break;
+    }
+    return error;
 }
 
 // ---------------------------------------------------------------------------
@@ -698,6 +831,13 @@ std::int16_t THostFile::Check(TIntegrityReport* report, const TProgress& progres
     for (std::uint32_t slot = 0; slot < kFirstDataPage && slot < pages; ++slot) used[slot] = 1;
     TPageAccount account(&used, report, progress, pages);
     account.fDone = kFirstDataPage;
+    for (const TLogExtent& extent : fPager->LogExtents()) {
+        for (std::uint32_t number = extent.fStart; number < extent.End(); ++number) account.Page(number);
+    }
+    const TReplayReport& replay = fPager->LastReplay();
+    report->fLogFrames = replay.fFrames;
+    report->fLogNote = replay.Describe();
+
     for (std::uint32_t number : fPager->FreeListPages()) account.Page(number);
     const std::vector<std::uint32_t> free = fPager->FreePages();
     report->fFreePages = static_cast<std::uint32_t>(free.size());

@@ -5,10 +5,11 @@
 // A mutating operation first checks everything that could refuse it (length,
 // duplicate keys), then changes the trees in the cache, then logs itself; it
 // is then done, whatever happens to the process. A failure after the first
-// change (an unreadable page, a refused write) leaves the cache unlike any
-// state of the file: the host file then refuses every further call until it
-// is opened again, when the log brings it back to its last complete
-// operation.
+// change (a refused write, no memory, an unreadable page) is undone: the
+// trees go back to the last checkpoint and the log is redone in memory, so
+// that the operation answers its error and the file goes on as it was before
+// it. Only when that fails too does the host file refuse every further call
+// until it is opened again.
 #ifndef KAVO_ENGINE_HOSTFILE_H
 #define KAVO_ENGINE_HOSTFILE_H
 
@@ -53,8 +54,12 @@ public:
     ~THostFile();
 
     static std::int16_t Create(const std::string& path, std::unique_ptr<THostFile>* host);
-    static std::int16_t Open(const std::string& path, bool readOnly, std::unique_ptr<THostFile>* host);
-    // Checkpoints, and removes the log unless read-only.
+    // On kFileNotOpened, *problem (may be null) says why when the file was
+    // found but refused.
+    static std::int16_t Open(const std::string& path, bool readOnly, std::unique_ptr<THostFile>* host,
+                             std::string* problem = nullptr);
+    // Checkpoints (giving back the free pages at the end of the file) and
+    // closes.
     std::int16_t Close();
 
     const std::string& Path() const { return fPager->Path(); }
@@ -69,11 +74,10 @@ public:
     const TMember& Member(std::uint8_t member) const { return fMembers[member]; }
     std::size_t MemberCount() const { return fMembers.size(); }
 
-    // Records of a data member.
-    std::int16_t AddRecord(std::uint8_t data, const std::uint8_t* bytes, std::uint32_t length,
-                           std::uint32_t* record);
-    std::int16_t RewriteRecord(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
-                               std::uint32_t length);
+    // Records of a data member. A record comes in one or two runs of the
+    // caller's memory and is never copied whole.
+    std::int16_t AddRecord(std::uint8_t data, const TMemoryBytes& bytes, std::uint32_t* record);
+    std::int16_t RewriteRecord(std::uint8_t data, std::uint32_t record, const TMemoryBytes& bytes);
     std::int16_t DeleteRecord(std::uint8_t data, std::uint32_t record);
     std::int16_t RecordLength(std::uint8_t data, std::uint32_t record, std::uint32_t* length, bool* found);
     std::int16_t ReadRecord(std::uint8_t data, std::uint32_t record, std::uint32_t offset, std::uint8_t* out,
@@ -108,6 +112,11 @@ public:
 
     // The whole-file check.
     std::int16_t Check(TIntegrityReport* report, const TProgress& progress);
+    // Moves pages down into the free pages below them and checkpoints, until
+    // the file holds little more than its pages in use.
+    std::int16_t Compact();
+    const TReplayReport& LastReplay() const { return fPager->LastReplay(); }
+    std::uint64_t FileBytes() const { return fPager->FileBytes(); }
 
     const TPagerStats& Stats() const { return fPager->Stats(); }
 
@@ -116,21 +125,28 @@ private:
 
     std::vector<std::uint8_t> SaveCatalog() const;
     std::int16_t LoadCatalog(const std::vector<std::uint8_t>& bytes);
-    std::int16_t Replay(const std::vector<TLogRecord>& records);
-    std::int16_t ApplyAdd(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes, std::uint32_t length,
+    // Redoes the log after the last checkpoint.
+    std::int16_t Replay();
+    std::int16_t ApplyFrame(const TLogFrame& frame);
+    // Undoes a failed change: the last checkpoint, and the log redone.
+    std::int16_t Recover(std::int16_t error);
+    // Ends a change: logs it, or undoes it when it or its logging failed.
+    std::int16_t FinishChange(std::int16_t error, std::uint8_t kind, std::uint8_t data, std::uint32_t record,
+                              const TMemoryBytes& bytes);
+    void Upkeep();
+    std::int16_t ApplyAdd(std::uint8_t data, std::uint32_t record, const TByteSource& bytes, std::uint32_t length,
                           bool checkKeys);
-    std::int16_t ApplyRewrite(std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
+    std::int16_t ApplyRewrite(std::uint8_t data, std::uint32_t record, const TByteSource& bytes,
                               std::uint32_t length, bool checkKeys);
+    // The record's first bytes that its keys are taken from, into fKeyBytes.
+    std::int16_t ReadKeyBytes(std::uint8_t data, const TByteSource& bytes, std::uint32_t length);
     std::int16_t ApplyDelete(std::uint8_t data, std::uint32_t record);
     std::int16_t RecordKeys(std::uint8_t data, std::uint32_t record, std::vector<std::vector<std::uint8_t>>* keys);
-    std::int16_t Log(std::uint8_t kind, std::uint8_t data, std::uint32_t record, const std::uint8_t* bytes,
-                     std::uint32_t length);
     std::int16_t Refusal() const;
-    // After a failure in the middle of a change.
-    std::int16_t Broken(std::int16_t error) {
-        fPager->Poison(error);
-        return error;
-    }
+    // After a checkpoint: moves down the few pages in use that alone keep the
+    // free pages at the end of the file, so that the next checkpoint gives
+    // them back.
+    void MoveDownTheEnd();
 
     std::unique_ptr<TPager> fPager;
     std::vector<TMember> fMembers;
@@ -141,6 +157,7 @@ private:
     std::vector<std::vector<std::uint8_t>> fRecordKeys;
     std::vector<std::vector<std::uint8_t>> fNewKeys;
     std::vector<std::uint8_t> fTreeKey;
+    std::vector<std::uint8_t> fKeyBytes;
 };
 
 }  // namespace engine
