@@ -424,14 +424,21 @@ std::int16_t CKeyedDB::AddRecord(const char* theType, const char* theName, std::
     if (!CheckRecordType(theType) || !CheckRecordName(theName)) return SetLastError(kGeneralError);
     if (!KAVO_CHECK(MSValidHandle(theData))) return SetLastError(kInvalidHandle);
     if (!FilesReady()) return SetLastError(kGeneralError);
-    MSHandle hRecord = nullptr;
-    std::int16_t error = MakeRecordImage(theType, theName, theID, theData, &hRecord);
+    // The fixed part goes in a handle of its own and the data stays in the
+    // caller's: the engine takes the two as one record, so that a long
+    // record is never copied to put them together.
+    MSHandle hFixed = nullptr;
+    std::int16_t error = MSNewHandle(&hFixed, kFixedPartLength);
     if (error != kNoError) return SetLastError(error);
-    void* address = nullptr;
-    MSLockHandle(hRecord, &address);
-    error = AddVarRecord(DataFile(), address, MSGetHandleSize(hRecord));
-    MSUnlockHandle(hRecord);
-    MSDisposeHandle(hRecord);
+    void* fixed = nullptr;
+    void* data = nullptr;
+    MSLockHandle(hFixed, &fixed);
+    BuildFixedPart(static_cast<unsigned char*>(fixed), theType, theID, theName);
+    MSLockHandle(theData, &data);
+    error = AddVarRecordParts(DataFile(), fixed, kFixedPartLength, data, MSGetHandleSize(theData));
+    MSUnlockHandle(theData);
+    MSUnlockHandle(hFixed);
+    MSDisposeHandle(hFixed);
     if (error == kKeyExists) return SetLastError(kDuplicateRecord);
     if (error == kNoWritePermission) return SetLastError(kNoPermission);
     if (error != kEngineNoError) return SetLastError(kAddRefused);
