@@ -1,10 +1,10 @@
 // Damage is detected, never trusted. A real database (a few thousand records,
 // some long) is made once in the fault-injecting file system in three
-// states: closed cleanly; with a live log after a process death; and with a
-// checkpoint cut short by a loss of power after its log was synced, so that
-// the file is half overwritten and only the log can finish it. Then, round
-// after round, a copy is damaged (bit flips, a truncation, a zeroed range, a
-// range of random bytes, damaged log frames) and:
+// states: closed cleanly; with a live log (inside the file) after a process
+// death; and with a checkpoint cut short by a loss of power, so that only
+// the log can finish it. Then, round after round, a copy is damaged (bit
+// flips, a truncation, a zeroed range, a range of random bytes, anywhere or
+// in the log's frames) and:
 //  - opening it and checking it whole answer kFileNotOpened or succeed;
 //  - when it opens and the check finds nothing, it holds exactly the records
 //    of a state it could honestly be in (with a live log: the records after
@@ -38,14 +38,12 @@ using kavotest::TRecordModel;
 using kavotest::TTestDatabase;
 
 constexpr const char* kHostName = "damaged.kdb";
-constexpr const char* kLogName = "damaged.kdb!log";
 constexpr std::size_t kPage = engine::kPageSize;
 
-// A database image: its host file and log bytes, the records it holds when
-// all of its log is redone, and the states it may honestly show.
+// A database image: its file's bytes, the records it holds when all of its
+// log is redone, and the states it may honestly show.
 struct TImage {
     std::string fHost;
-    std::string fLog;  // empty: no log
     TRecordModel fBase;
     std::vector<TOperation> fLogged;  // the operations in the log, after fBase
     // Every version of every record that some state holds.
@@ -112,7 +110,6 @@ private:
         for (const TOperation& op : fLiveLog.fLogged) kavotest::PerformOperation(db, op);
         fs.Crash();
         fs.ReadWholeFile(kHostName, &fLiveLog.fHost);
-        fs.ReadWholeFile(kLogName, &fLiveLog.fLog);
         EngineStop();
 
         // A checkpoint whose log is synced and whose overwriting is cut
@@ -125,7 +122,6 @@ private:
             engine::TFaultFileSystem cutFs;
             engine::InstallFileSystem(&cutFs);
             cutFs.WriteWholeFile(kHostName, fLiveLog.fHost);
-            cutFs.WriteWholeFile(kLogName, fLiveLog.fLog);
             kavotest::StartEngine();
             db.Open();
             for (const TOperation& op : fCutCheckpoint.fLogged) kavotest::PerformOperation(db, op);
@@ -135,7 +131,6 @@ private:
             syncs = static_cast<int>(cutFs.Counters().fSyncs);
             cutFs.PowerCut(99);
             cutFs.ReadWholeFile(kHostName, &fCutCheckpoint.fHost);
-            cutFs.ReadWholeFile(kLogName, &fCutCheckpoint.fLog);
             EngineStop();
         }
         engine::InstallFileSystem(nullptr);
@@ -169,7 +164,21 @@ std::string RandomBytes(std::size_t size, std::mt19937& random) {
 
 enum class TDamage { kBitFlips, kTruncation, kZeroedRange, kRandomRange, kCount };
 
-// Damages the host file or the log, and says what it did.
+// Damages the file, or only the bytes from `from` to `to` (a frame of its
+// log), and says what it did.
+std::string DamageRange(std::string* bytes, std::size_t from, std::size_t to, std::mt19937& random) {
+    const unsigned kind = random() % 3;
+    if (kind == 0) {
+        FlipBits(bytes, random, from, to, 4);
+        return "bit flips from " + std::to_string(from) + " to " + std::to_string(to);
+    }
+    const std::size_t at = from + random() % (to - from);
+    const std::size_t length = 1 + random() % (to - at);
+    bytes->replace(at, length, kind == 1 ? std::string(length, '\0') : RandomBytes(length, random));
+    return (kind == 1 ? "zeros at " : "random bytes at ") + std::to_string(at) + ", " + std::to_string(length) +
+           " bytes";
+}
+
 std::string Damage(std::string* bytes, TDamage damage, std::mt19937& random) {
     if (bytes->empty()) return "nothing to damage";
     const std::size_t pages = bytes->size() / kPage;
@@ -211,11 +220,10 @@ bool IsEngineError(std::int16_t error) {
 
 class CorruptionCampaignTest : public ::testing::Test {
 protected:
-    // Plants the files in a fresh file system.
-    void Plant(const std::string& host, const std::string* log) {
+    // Plants the file in a fresh file system.
+    void Plant(const std::string& host) {
         ASSERT_EQ(fWorld.Install(), kEngineNoError);
         fWorld.Files().WriteWholeFile(kHostName, host);
-        if (log != nullptr) fWorld.Files().WriteWholeFile(kLogName, *log);
     }
 
     // Opens, checks and reads a planted damaged image; `what` describes the
@@ -288,31 +296,33 @@ protected:
         for (std::uint32_t n = 0; n < 3000; n += 97) NthKey(db.NameIndex(), n, key);
     }
 
-    // Damages a copy of the image's host file or log (resealing it, if
-    // asked), plants and examines it.
+    // Damages a copy of the image, half the time in one of its log's frames
+    // when it has any (resealing it, if asked), plants and examines it.
     void RunRounds(const TImage& image, int rounds, std::uint32_t seed, bool reseal = false) {
+        const kavotest::TLogLayout log = kavotest::FindLog(image.fHost, true);
         for (int round = 0; round < rounds && !HasFailure(); ++round) {
             std::mt19937 random(seed + static_cast<std::uint32_t>(round));
             std::string host = image.fHost;
-            std::string log = image.fLog;
-            const bool inLog = !log.empty() && random() % 2 == 0;
-            const auto damage = static_cast<TDamage>(random() % static_cast<unsigned>(TDamage::kCount));
-            const std::string what = "round " + std::to_string(round) + ", " +
-                                     (inLog ? "log: " : "host file: ") +
-                                     Damage(inLog ? &log : &host, damage, random);
+            std::string what = "round " + std::to_string(round) + ", ";
+            if (!log.fFrames.empty() && random() % 2 == 0) {
+                const auto& [from, to] = log.fFrames[random() % log.fFrames.size()];
+                what += "log frame: " + DamageRange(&host, from, to, random);
+            } else {
+                what += Damage(&host, static_cast<TDamage>(random() % static_cast<unsigned>(TDamage::kCount)), random);
+            }
             if (reseal) {
                 kavotest::ResealPages(&host);
-                kavotest::ResealLog(&log);
+                kavotest::ResealLog(&host);
             }
-            Plant(host, image.fLog.empty() ? nullptr : &log);
+            Plant(host);
             Examine(image, what, reseal, random);
         }
     }
 
-    // Plants the image (or another host file beside its log) and expects it
-    // to pass the check and open with all of its logged operations redone.
-    void ExpectSound(const TImage& image, const std::string& host, const std::string* log) {
-        Plant(host, log);
+    // Plants a file and expects it to pass the check and open with all of the
+    // image's logged operations redone.
+    void ExpectSound(const TImage& image, const std::string& host) {
+        Plant(host);
         TTestDatabase db(kHostName);
         std::string problem;
         EXPECT_GE(
@@ -326,16 +336,17 @@ protected:
 };
 
 // Every logged operation was acknowledged: all of them are there. And the
-// images are what they claim: a log beside the two that should have one,
-// and a checkpoint cut short that has changed the host file.
+// images are what they claim: no log frames in the closed file, frames in
+// the one a process death left, and a checkpoint cut short that has changed
+// the file.
 TEST_F(CorruptionCampaignTest, TheUndamagedImagesOpenWithTheirRecords) {
     const TImages& images = TImages::Get();
     for (const TImage* image : {&images.fClosed, &images.fLiveLog, &images.fCutCheckpoint}) {
-        ExpectSound(*image, image->fHost, image->fLog.empty() ? nullptr : &image->fLog);
+        ExpectSound(*image, image->fHost);
         EXPECT_GE(image->fBase.Size(), 2000u);
     }
-    EXPECT_TRUE(images.fClosed.fLog.empty() && !images.fLiveLog.fLog.empty() &&
-                !images.fCutCheckpoint.fLog.empty());
+    EXPECT_TRUE(kavotest::FindLog(images.fClosed.fHost, true).fFrames.empty());
+    EXPECT_GE(kavotest::FindLog(images.fLiveLog.fHost, true).fFrames.size(), images.fLiveLog.fLogged.size());
     EXPECT_NE(images.fCutCheckpoint.fHost, images.fLiveLog.fHost);
 }
 
@@ -375,7 +386,7 @@ TEST_F(CorruptionCampaignTest, InteriorPagesDamagedBehindValidChecksumsAreAnswer
             std::string host = image.fHost;
             FlipBits(&host, random, page + engine::kPageHeaderSize, page + engine::kPageHeaderSize + 512, 3);
             kavotest::ResealPages(&host);
-            Plant(host, nullptr);
+            Plant(host);
             Examine(image, "interior page at " + std::to_string(page) + ", trial " + std::to_string(trial),
                     true, random);
         }
@@ -420,7 +431,7 @@ TEST_F(CorruptionCampaignTest, APointerToAPageOfAnotherTreeIsAnsweredAsDamage) {
     const std::uint32_t last = engine::Get16(bytes + dataInterior + engine::kPageCountAt) - 1u;
     engine::Put32(bytes + dataInterior + engine::kPageHeaderSize + 12 * last + 4, indexLeaf);
     kavotest::ResealPages(&host);
-    Plant(host, nullptr);
+    Plant(host);
     TIntegrityReport report;
     ASSERT_EQ(CheckHostFile(kHostName, &report), kEngineNoError);
     ASSERT_FALSE(report.fProblems.empty()) << "the damage did not take";
@@ -445,7 +456,7 @@ TEST_F(CorruptionCampaignTest, AForeignFileNeverOpens) {
         {std::string(8 * kPage, '\0'), "zeros"},
         {TImages::Get().fClosed.fHost.substr(0, kPage - 1), "less than a page of a database"}};
     for (const auto& [host, what] : files) {
-        Plant(host, nullptr);
+        Plant(host);
         TIntegrityReport report;
         EXPECT_EQ(CheckHostFile(kHostName, &report), kFileNotOpened) << what;
         TTestDatabase db(kHostName);
@@ -484,14 +495,30 @@ TEST_F(CorruptionCampaignTest, AFileOfAnotherLayoutDoesNotOpenWithThisDefinition
     }
 }
 
-// A log that is not this file's is ignored; the live log of the later state
-// belongs to this file too (it continues its checkpoint), so it is redone.
-TEST_F(CorruptionCampaignTest, AForeignLogBesideASoundFileIsIgnored) {
+// Frames of another database's log, in the place where this file's log
+// lies, are not this file's (another salt): they are never redone.
+TEST_F(CorruptionCampaignTest, AnotherDatabasesLogFramesAreNeverRedone) {
     const TImages& images = TImages::Get();
-    std::mt19937 random(78);
-    for (const std::string& log : {RandomBytes(2 * kPage, random), std::string(), std::string(100, '\0')})
-        ExpectSound(images.fClosed, images.fClosed.fHost, &log);
-    ExpectSound(images.fLiveLog, images.fClosed.fHost, &images.fLiveLog.fLog);
+    ASSERT_EQ(fWorld.Install(), kEngineNoError);
+    TTestDatabase other("other.kdb");
+    ASSERT_EQ(other.Create(), kEngineNoError);
+    for (std::int32_t id = 1; id <= 30; ++id) {
+        const Bytes record = kavotest::MakeRecord("MDUM", id, "o" + std::to_string(id), Bytes(200, 9));
+        ASSERT_EQ(AddVarRecord(other.Data(), record.data(), static_cast<std::uint32_t>(record.size())),
+                  kEngineNoError);
+    }
+    fWorld.Files().Crash();
+    std::string foreign;
+    ASSERT_TRUE(fWorld.Files().ReadWholeFile("other.kdb", &foreign));
+    const kavotest::TLogLayout theirs = kavotest::FindLog(foreign, true);
+    const kavotest::TLogLayout own = kavotest::FindLog(images.fClosed.fHost, true);
+    ASSERT_GE(theirs.fFrames.size(), 30u);
+    ASSERT_EQ(theirs.fExtents.front().fStart, own.fExtents.front().fStart);
+    std::string host = images.fClosed.fHost;
+    const std::size_t first = std::size_t{own.fExtents.front().fStart} * kPage;
+    const std::size_t length = std::size_t{own.fExtents.front().fPages} * kPage;
+    host.replace(first, length, foreign.substr(first, length));
+    ExpectSound(images.fClosed, host);
 }
 
 }  // namespace

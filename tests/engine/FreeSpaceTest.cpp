@@ -80,9 +80,7 @@ std::uint32_t AllocateOne(engine::TPager& pager) {
 std::unique_ptr<engine::TPager> Reopen(std::unique_ptr<engine::TPager> pager, const std::string& path) {
     EXPECT_EQ(pager->Close({}), kEngineNoError);
     pager.reset();
-    std::vector<engine::TLogRecord> replay;
-    EXPECT_EQ(engine::TPager::Open(path, false, &pager, &replay), kEngineNoError);
-    EXPECT_TRUE(replay.empty());
+    EXPECT_EQ(engine::TPager::Open(path, false, &pager), kEngineNoError);
     return pager;
 }
 

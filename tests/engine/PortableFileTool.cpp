@@ -67,7 +67,6 @@ int Fail(const std::string& why) {
 
 int Make(const std::string& path) {
     std::remove(path.c_str());
-    std::remove((path + "!log").c_str());
     std::vector<TOperation> ops;
     Content(&ops);
     if (kavotest::StartEngine() != kEngineNoError) return Fail("the engine did not start");

@@ -1,4 +1,4 @@
-// libFuzzer target: a host file (and perhaps its log) made of the input, in
+// libFuzzer target: a host file (its log inside it) made of the input, in
 // the fault-injecting file system, is checked whole, opened through the
 // engine's calls, read by every key it holds, counted and walked, and
 // changed a little. Whatever the bytes, the engine answers codes: it never
@@ -19,7 +19,6 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr const char* kHostName = "fuzz.kdb";
-constexpr const char* kLogName = "fuzz.kdb!log";
 // Bounds on the work one input may cause: a walk that goes on past them is
 // cut short (a damaged tree may claim any count), and a record longer than
 // kLongestRecord is not read whole.
@@ -88,12 +87,11 @@ void Exercise(const kavotest::TTestDatabase& db) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     kavofuzz::TFuzzInput input = kavofuzz::DecodeFuzzInput(data, size);
     if (input.fFlags & kavofuzz::kFuzzResealPages) kavotest::ResealPages(&input.fHost);
-    if (input.fFlags & kavofuzz::kFuzzResealLog) kavotest::ResealLog(&input.fLog);
+    if (input.fFlags & kavofuzz::kFuzzResealLog) kavotest::ResealLog(&input.fHost);
 
     engine::TFaultFileSystem fileSystem;
     engine::InstallFileSystem(&fileSystem);
     fileSystem.WriteWholeFile(kHostName, input.fHost);
-    if (input.fFlags & kavofuzz::kFuzzHasLog) fileSystem.WriteWholeFile(kLogName, input.fLog);
 
     TIntegrityReport report;
     CheckHostFile(kHostName, &report);

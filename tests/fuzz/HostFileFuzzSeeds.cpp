@@ -24,7 +24,6 @@ using Bytes = std::vector<std::uint8_t>;
 using kavofuzz::TFuzzInput;
 
 constexpr const char* kHostName = "seed.kdb";
-constexpr const char* kLogName = "seed.kdb!log";
 
 // Adds count records of mixed lengths (a few spill into overflow pages) and
 // deletes every fifth, so that the file has a free list.
@@ -44,19 +43,17 @@ void Fill(const kavotest::TTestDatabase& db, std::mt19937& random, std::int32_t 
     }
 }
 
-// Saves the host file (and the log, if there is one) as they are, resealed,
-// and resealed to be opened read-only.
+// Saves the host file as it is, resealed, and to be opened read-only.
 bool SaveVariants(const std::string& directory, const std::string& name, const engine::TFaultFileSystem& fs) {
     TFuzzInput input;
     fs.ReadWholeFile(kHostName, &input.fHost);
-    if (fs.ReadWholeFile(kLogName, &input.fLog)) input.fFlags = kavofuzz::kFuzzHasLog;
     const std::pair<const char*, std::uint8_t> variants[] = {
         {"", 0},
         {"-resealed", kavofuzz::kFuzzResealPages | kavofuzz::kFuzzResealLog},
         {"-read-only", kavofuzz::kFuzzReadOnly}};
     bool saved = true;
     for (const auto& [suffix, flags] : variants) {
-        input.fFlags |= flags;
+        input.fFlags = flags;
         const std::string bytes = kavofuzz::EncodeFuzzInput(input);
         std::ofstream out(directory + "/" + name + suffix, std::ios::binary);
         saved = out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) && saved;
