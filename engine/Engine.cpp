@@ -276,6 +276,7 @@ std::int16_t OpenHostFile(std::int16_t fileNumber, const char* name, std::uint16
     std::unique_ptr<THostFile> host;
     gEngine.fOpenProblem.clear();
     const std::int16_t error = THostFile::Open(name, (mode & kHostReadOnlyBit) != 0, &host, &gEngine.fOpenProblem);
+    if (error == kEngineOutOfMemory) return Fail(error, fileNumber);
     if (error != kEngineNoError) return Fail(kFileNotOpened, fileNumber);
     TSlot& slot = gEngine.fSlots[fileNumber];
     slot = TSlot{};

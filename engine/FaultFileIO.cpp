@@ -155,7 +155,11 @@ public:
         if (!IsAlive()) return false;
         if (fReadOnly) return true;  // nothing of its own to sync, as on the real file systems
         if (!fState->ConsumeSync()) return false;
-        fNode->fDurable = fNode->fCurrent;
+        try {
+            fNode->fDurable = fNode->fCurrent;
+        } catch (const std::bad_alloc&) {
+            return false;  // as a system that could not write its pages would answer
+        }
         fNode->fPending.clear();
         ++fState->fCounters.fSyncs;
         return true;
@@ -226,7 +230,7 @@ std::unique_ptr<TFile> TFaultFileSystem::Open(const std::string& path, OpenMode 
         }
         file.reset(new TFaultFile(fState, node, readOnly));
     } catch (const std::bad_alloc&) {
-        *error = FileError::kIO;
+        *error = FileError::kNoMemory;
         return nullptr;
     }
     if (readOnly)
@@ -252,7 +256,7 @@ std::unique_ptr<TFile> TFaultFileSystem::CreateUnnamed(const std::string& path, 
         node->fWriter = true;
         return std::unique_ptr<TFile>(new TFaultFile(fState, node, false));
     } catch (const std::bad_alloc&) {
-        *error = FileError::kIO;
+        *error = FileError::kNoMemory;
         return nullptr;
     }
 }
@@ -417,7 +421,7 @@ std::unique_ptr<TFile> TCountingFileSystem::Open(const std::string& path, OpenMo
     std::unique_ptr<TFile> base = fBase->Open(path, mode, error);
     if (base == nullptr) return nullptr;
     TFile* counting = new (std::nothrow) TCountingFile(std::move(base), fCounters, mode == OpenMode::kReadOnly);
-    if (counting == nullptr && error != nullptr) *error = FileError::kIO;
+    if (counting == nullptr && error != nullptr) *error = FileError::kNoMemory;
     return std::unique_ptr<TFile>(counting);
 }
 
@@ -429,7 +433,7 @@ std::unique_ptr<TFile> TCountingFileSystem::CreateUnnamed(const std::string& pat
     std::unique_ptr<TFile> base = fBase->CreateUnnamed(path, error);
     if (base == nullptr) return nullptr;
     TFile* counting = new (std::nothrow) TCountingFile(std::move(base), fCounters, false);
-    if (counting == nullptr && error != nullptr) *error = FileError::kIO;
+    if (counting == nullptr && error != nullptr) *error = FileError::kNoMemory;
     return std::unique_ptr<TFile>(counting);
 }
 

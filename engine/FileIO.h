@@ -20,6 +20,7 @@ enum class FileError {
     kExists,    // creating a file that exists
     kLocked,    // another open holds the file in a conflicting way
     kDenied,    // the system refuses access
+    kNoMemory,  // no memory for the file's own bookkeeping
     kIO,        // anything else
 };
 

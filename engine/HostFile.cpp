@@ -241,7 +241,8 @@ std::int16_t THostFile::Open(const std::string& path, bool readOnly, std::unique
         *problem = "damaged: its catalog does not hold";
         return kFileNotOpened;
     }
-    if (made->Replay() != kEngineNoError) {
+    if ((error = made->Replay()) != kEngineNoError) {
+        if (error == kEngineOutOfMemory) return error;
         *problem = "damaged: its log cannot be redone";
         return kFileNotOpened;
     }
@@ -253,7 +254,8 @@ std::int16_t THostFile::Open(const std::string& path, bool readOnly, std::unique
     // The redone operations (and the extents their log took) reach the file
     // at once.
     if (!readOnly && made->fPager->HasChanges() &&
-        made->fPager->Checkpoint(made->SaveCatalog()) != kEngineNoError) {
+        (error = made->fPager->Checkpoint(made->SaveCatalog())) != kEngineNoError) {
+        if (error == kEngineOutOfMemory) return error;
         *problem = "its log could not be written into it";
         return kFileNotOpened;
     }
@@ -262,13 +264,18 @@ std::int16_t THostFile::Open(const std::string& path, bool readOnly, std::unique
 }
 
 std::int16_t THostFile::Close() {
-    if (!fPager->ReadOnly() && fPager->Poisoned() == 0) {
-        try {
-            if (fPager->Checkpoint(SaveCatalog()) == kEngineNoError) MoveDownTheEnd();
-        } catch (const std::bad_alloc&) {
-        }
+    std::vector<std::uint8_t> catalog;
+    try {
+        if (!fPager->ReadOnly() && fPager->Poisoned() == 0 &&
+            fPager->Checkpoint(SaveCatalog()) == kEngineNoError)
+            MoveDownTheEnd();
+        catalog = SaveCatalog();
+    } catch (const std::bad_alloc&) {
+        // Closed all the same, without writing: the log holds every change.
+        fPager->CloseWithoutWriting();
+        return kEngineOutOfMemory;
     }
-    return fPager->Close(SaveCatalog());
+    return fPager->Close(catalog);
 }
 
 void THostFile::MoveDownTheEnd() {
@@ -542,16 +549,25 @@ std::int16_t THostFile::Refusal() const {
 // comes after the change it follows is logged, so that it makes everything
 // up to that change durable.
 void THostFile::Upkeep() {
-    if (fPager->CheckpointDue() || fPager->ReclaimDue()) {
-        fPager->Checkpoint(SaveCatalog());
-    } else if (fPager->WriteBackDue()) {
-        fPager->WriteBack();
+    try {
+        if (fPager->CheckpointDue() || fPager->ReclaimDue()) {
+            fPager->Checkpoint(SaveCatalog());
+        } else if (fPager->WriteBackDue()) {
+            fPager->WriteBack();
+        }
+    } catch (const std::bad_alloc&) {
     }
 }
 
 std::int16_t THostFile::FinishChange(std::int16_t error, std::uint8_t kind, std::uint8_t data, std::uint32_t record,
                                      const TMemoryBytes& bytes) {
-    if (error == kEngineNoError) error = fPager->AppendLog(kind, data, record, bytes);
+    if (error == kEngineNoError) {
+        try {
+            error = fPager->AppendLog(kind, data, record, bytes);
+        } catch (const std::bad_alloc&) {
+            error = kEngineOutOfMemory;  // a log extent half chained is undone with the rest
+        }
+    }
     if (error != kEngineNoError) return fPager->OperationChanged() ? Recover(error) : error;
     Upkeep();
     return kEngineNoError;

@@ -343,7 +343,7 @@ std::int16_t TPager::Create(const std::string& path, std::unique_ptr<TPager>* pa
     if (fs->Exists(path)) return kFileNotCreated;
     FileError error = FileError::kNone;
     made->fFile = fs->CreateUnnamed(path, &error);
-    if (!made->fFile) return kFileNotCreated;
+    if (!made->fFile) return error == FileError::kNoMemory ? kEngineOutOfMemory : kFileNotCreated;
     made->fSequence = 1;
     made->fPageCount = kFirstDataPage + kFirstExtentPages;
     made->fExtents.assign(1, TLogExtent{kFirstDataPage, kFirstExtentPages});
@@ -373,6 +373,7 @@ std::int16_t TPager::Open(const std::string& path, bool readOnly, std::unique_pt
     FileError error = FileError::kNone;
     made->fFile = CurrentFileSystem()->Open(path, readOnly ? OpenMode::kReadOnly : OpenMode::kReadWrite, &error);
     if (!made->fFile) {
+        if (error == FileError::kNoMemory) return kEngineOutOfMemory;
         if (error == FileError::kLocked) *problem = "in use by another program";
         return kFileNotOpened;
     }
@@ -1204,6 +1205,7 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
     std::vector<std::uint32_t> listPages;
     std::uint32_t pageCount = fPageCount;
     std::vector<std::uint8_t> header;
+    std::vector<std::uint8_t> stored;
     try {
         // Every changed page lies in pages the last state does not use.
         fPages.ForEach([&](TPage* page) {
@@ -1270,6 +1272,7 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
             pages.push_back(std::move(image));
         }
         checkpointFree = free;
+        stored = catalog;
         header.resize(kPageSize);
         BuildHeader(header.data(), catalog, fSequence + 1, pageCount, listPages.empty() ? 0 : listPages.front(),
                     static_cast<std::uint32_t>(entries.size()), NewSalt(fSequence + 1, this));
@@ -1313,7 +1316,7 @@ std::int16_t TPager::Checkpoint(const std::vector<std::uint8_t>& catalog) {
     // The new state is the file's: every cached page now belongs to it, and
     // the log starts afresh in its first extent.
     ++fSequence;
-    fStoredCatalog = catalog;
+    fStoredCatalog.swap(stored);
     fCurrentHeader.swap(header);
     fFree.Clear();
     std::swap(fFree, free);

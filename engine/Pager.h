@@ -345,6 +345,8 @@ public:
     std::int16_t Checkpoint(const std::vector<std::uint8_t>& catalog);
     // Checkpoints (unless read-only) and closes the file.
     std::int16_t Close(const std::vector<std::uint8_t>& catalog);
+    // Closes the file as it is; the next open redoes the log.
+    void CloseWithoutWriting() { fFile.reset(); }
 
     // After a failure that leaves the cache unlike any state of the file (one
     // that could not be undone): every further call is refused until reopened.

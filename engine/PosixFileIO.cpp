@@ -254,7 +254,7 @@ std::unique_ptr<TFile> TPosixFileSystem::Open(const std::string& path, OpenMode 
     TFile* file = new (std::nothrow) TPosixFile(fd, mode == OpenMode::kReadOnly);
     if (file == nullptr) {
         ::close(fd);
-        *error = FileError::kIO;
+        *error = FileError::kNoMemory;
     }
     return std::unique_ptr<TFile>(file);
 }
@@ -304,15 +304,18 @@ std::unique_ptr<TFile> TPosixFileSystem::CreateUnnamed(const std::string& path, 
         if (!temporary.empty()) ::unlink(temporary.c_str());
         return nullptr;
     }
-    TPosixFile* file = new (std::nothrow) TPosixFile(fd, false);
-    if (file == nullptr) {
+    TPosixFile* file = nullptr;
+    try {
+        file = new TPosixFile(fd, false);
+        file->fTemporary = temporary;
+    } catch (const std::bad_alloc&) {
+        delete file;
         ::close(fd);
         if (!temporary.empty()) ::unlink(temporary.c_str());
-        *error = FileError::kIO;
+        *error = FileError::kNoMemory;
         return nullptr;
     }
     file->fNameless = temporary.empty();
-    file->fTemporary = temporary;
     return std::unique_ptr<TFile>(file);
 }
 

@@ -159,7 +159,7 @@ std::unique_ptr<TFile> TWin32FileSystem::Open(const std::string& path, OpenMode 
     TFile* file = new (std::nothrow) TWin32File(handle, readOnly);
     if (file == nullptr) {
         CloseHandle(handle);
-        *error = FileError::kIO;
+        *error = FileError::kNoMemory;
     }
     return std::unique_ptr<TFile>(file);
 }
@@ -194,14 +194,17 @@ std::unique_ptr<TFile> TWin32FileSystem::CreateUnnamed(const std::string& path, 
         *error = ErrorFromLastError(GetLastError());
         return nullptr;
     }
-    TWin32File* file = new (std::nothrow) TWin32File(handle, false);
-    if (file == nullptr) {
+    TWin32File* file = nullptr;
+    try {
+        file = new TWin32File(handle, false);
+        file->fTemporary = temporary;
+    } catch (const std::bad_alloc&) {
+        delete file;
         CloseHandle(handle);
         DeleteFileA(temporary.c_str());
-        *error = FileError::kIO;
+        *error = FileError::kNoMemory;
         return nullptr;
     }
-    file->fTemporary = temporary;
     return std::unique_ptr<TFile>(file);
 }
 
