@@ -212,7 +212,8 @@ void CKeyedDB::CloseAfterFailure() {
 
 std::int16_t CKeyedDB::Create(const char* theFileName, std::uint32_t creator, std::uint32_t fileType) {
     if (!CheckFileName(theFileName)) return SetLastError(kCannotOpenHostFile);
-    if (!KAVO_CHECK(fFileDefinition != 0) || !KAVO_CHECK(fRezMap != 0) || !KAVO_CHECK(!fHostOpen))
+    if (!KAVO_CHECK(fFileDefinition != 0) || !KAVO_CHECK(fRezMap != 0) || !fRezMap->IsUsable() ||
+        !KAVO_CHECK(!fHostOpen))
         return SetLastError(kGeneralError);
     *fFileDefinition = kFileDefinitionTemplate;
     if (FindFreeHostNumber(theFileName, true, kHostCreateMode) != kEngineNoError)
@@ -245,7 +246,8 @@ std::int16_t CKeyedDB::Open(const char* theFileName, std::int16_t permission) {
     // Only the two permissions have a meaning; any other is refused before
     // the file is touched.
     if (!KAVO_CHECK(permission == kPermissionReadOnly || permission == kPermissionReadWrite) ||
-        !KAVO_CHECK(fFileDefinition != 0) || !KAVO_CHECK(fRezMap != 0) || !KAVO_CHECK(!fHostOpen))
+        !KAVO_CHECK(fFileDefinition != 0) || !KAVO_CHECK(fRezMap != 0) || !fRezMap->IsUsable() ||
+        !KAVO_CHECK(!fHostOpen))
         return SetLastError(kGeneralError);
     *fFileDefinition = kFileDefinitionTemplate;
     const std::uint16_t mode = permission == kPermissionReadWrite ? kHostOpenReadWrite : kHostOpenReadOnly;

@@ -140,6 +140,9 @@ public:
     ~CRezMap();
     CRezMap(const CRezMap&) = delete;
     CRezMap& operator=(const CRezMap&) = delete;
+    // False when the slot table could not be made (its constructor reported
+    // it): every operation would fail, so a database does not open with it.
+    bool IsUsable() const { return fNodeArray != nullptr && fNodeArray->CountSlots() != 0; }
 
     // *theData is 0 first; then the handle registered under type and name.
     std::int16_t GetRecordByName(const char* theName, const char* theType, MSHandle* theData);
