@@ -49,6 +49,13 @@ bool StartRecordManager(const TRecordManagerSession& session) {
 
 // Output
 
+// 104857600 as 104,857,600.
+std::string GroupDigits(std::uint64_t value) {
+    std::string digits = std::to_string(value);
+    for (std::size_t at = digits.size(); at > 3; at -= 3) digits.insert(at - 3, ",");
+    return digits;
+}
+
 void PrintHexDump(const std::vector<unsigned char>& data) {
     for (std::size_t line = 0; line < data.size(); line += kDumpBytesPerLine) {
         std::printf("%08zx ", line);
@@ -269,6 +276,9 @@ int RunVerify(const TArguments& arguments) {
     std::printf("  free pages   %" PRIu32 "\n", report.fFreePages);
     std::printf("  records      %" PRIu32 "\n", report.fRecords);
     std::printf("  keys         %" PRIu32 "\n", report.fKeys);
+    if (report.fLogFrames != 0)
+        std::printf("  log          %" PRIu32 " operations since the last checkpoint, redone\n", report.fLogFrames);
+    if (!report.fLogNote.empty()) std::printf("log: %s\n", EscapeForTerminal(report.fLogNote).c_str());
     if (report.fProblems.empty()) {
         std::printf("no problems: %s is sound\n", EscapeForTerminal(path).c_str());
         return kExitOK;
@@ -334,4 +344,35 @@ int RunRemove(const TArguments& arguments) {
     result = database.RemoveRecord(key);
     if (result != kExitOK) return result;
     return database.Close();
+}
+
+int RunCompact(const TArguments& arguments) {
+    const std::string& path = arguments.fPositional[0];
+    const int probed = ProbeFile(path, true);
+    if (probed != kExitOK) return probed;
+    TCompactReport report;
+    const std::int16_t result = CompactHostFile(path.c_str(), &report);
+    if (result == kFileNotOpened) {
+        Complain("cannot compact " + path + ": " + WhyNotADatabase(path));
+        return kExitDamaged;
+    }
+    if (result == kPageDamaged) {
+        Complain("cannot compact " + path + ": it is damaged (kavodvdb verify tells where)");
+        return kExitDamaged;
+    }
+    if (result != kEngineNoError) {
+        Complain("cannot compact " + path + ": the engine answered " + std::to_string(result) +
+                 (result == kWriteFailed ? " (the file could not be written; what was done stands)" : ""));
+        return kExitFailed;
+    }
+    const std::uint64_t given = report.fBytesBefore > report.fBytesAfter ? report.fBytesBefore - report.fBytesAfter : 0;
+    if (arguments.Has("--json")) {
+        std::printf("{\"file\": %s, \"bytes_before\": %" PRIu64 ", \"bytes_after\": %" PRIu64 "}\n",
+                    QuoteJson(path).c_str(), report.fBytesBefore, report.fBytesAfter);
+        return kExitOK;
+    }
+    std::printf("%s: %s bytes -> %s bytes (gave back %s)\n", EscapeForTerminal(path).c_str(),
+                GroupDigits(report.fBytesBefore).c_str(), GroupDigits(report.fBytesAfter).c_str(),
+                GroupDigits(given).c_str());
+    return kExitOK;
 }

@@ -21,5 +21,6 @@ int RunAbout(const TArguments& arguments);
 int RunVerify(const TArguments& arguments);
 int RunPut(const TArguments& arguments);
 int RunRemove(const TArguments& arguments);
+int RunCompact(const TArguments& arguments);
 
 #endif  // KAVO_TOOLS_COMMANDS_H

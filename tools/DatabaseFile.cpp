@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Pack/Pack.h"
+#include "engine/Engine.h"
 #include "kavoDVDB.h"
 #include "tools/ToolExit.h"
 
@@ -94,8 +95,12 @@ std::uint64_t FileSizeOf(const std::string& path) {
     return error ? 0 : static_cast<std::uint64_t>(size);
 }
 
+// The engine says why when it found the file and refused it (another format
+// version, damage it can name, another program holding it).
 std::string WhyNotADatabase(const std::string& path) {
     if (FileSizeOf(path) == 0) return "the file is empty, not a database";
+    const std::string problem = EngineOpenProblem();
+    if (!problem.empty()) return problem;
     return "not a database file, or damaged, or in use by another program";
 }
 

@@ -40,7 +40,8 @@ const char kGeneralHelp[] =
     "  verify FILE             checks the whole file; exit status 1 when damaged\n"
     "  put FILE TYPE ID NAME   adds a record, its data read from standard input\n"
     "  rm FILE TYPE ID|NAME    removes a record\n"
-    "Only put and rm open the file for writing.\n"
+    "  compact FILE            gives back the file's free space\n"
+    "Only put, rm and compact open the file for writing.\n"
     "\n"
     "types:\n"
     "  A type is four characters: MDUM, NFO!, .bmp. A shorter one is padded\n"
@@ -120,6 +121,9 @@ const TCommand kCommands[] = {
      "every index, every record against its keys and every key against its\n"
      "record, every page used once or free. Prints the file size and the numbers\n"
      "of pages, free pages, records and keys, then each problem found.\n"
+     "Operations a program logged after the last checkpoint and did not see\n"
+     "through (it died with the file open) are redone for the check and counted;\n"
+     "a log whose redo stopped at a damaged or cut-short frame is reported.\n"
      "Exit status 0 when the file is sound, 1 when it is damaged or cannot be\n"
      "read as a database at all.\n"
      "\n"
@@ -151,6 +155,18 @@ const TCommand kCommands[] = {
      "number, else the one with that name. Exit status 4 when there is none.\n"
      "\n"
      "  --name   takes the last argument as a name even if it looks like a number\n"},
+    {"compact",
+     RunCompact,
+     1,
+     1,
+     {"--json"},
+     "kavodvdb compact [--json] FILE",
+     "Moves the pages in use down into the free pages below them and gives back\n"
+     "the end of the file, then prints its size before and after. The file is\n"
+     "held against every other program meanwhile, and is sound at every\n"
+     "instant: a compaction cut short leaves it whole, only less compact.\n"
+     "\n"
+     "  --json   one JSON object {\"file\", \"bytes_before\", \"bytes_after\"}\n"},
 };
 
 const TCommand* FindCommand(const char* name) {

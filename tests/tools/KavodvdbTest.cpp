@@ -21,7 +21,7 @@ constexpr std::size_t kPageBytes = 4096;
 // The exit codes, 0 to 5.
 enum { kExitOK, kExitDamaged, kExitUsage, kExitCannotOpen, kExitNotFound, kExitFailed };
 
-const std::vector<std::string> kCommands = {"info", "ls", "cat", "about", "verify", "put", "rm"};
+const std::vector<std::string> kCommands = {"info", "ls", "cat", "about", "verify", "put", "rm", "compact"};
 const std::string kListHeader = "TYPE             ID        SIZE  NAME\n";
 
 std::string RandomBytes(std::size_t count, unsigned seed) {
@@ -226,6 +226,52 @@ TEST_F(KavodvdbTest, ReadingCommandsShowTheFileBesideAReaderAndAWriterShutsOutEv
                   "in use by another program");
 }
 
+// compact gives back what removals freed and keeps every record; a file of
+// another format version is refused by every command, which names the version.
+TEST_F(KavodvdbTest, CompactGivesBackFreeSpaceAndAnOlderFormatIsNamed) {
+    {
+        THeldDatabase held(fDatabase, kPermissionReadWrite);
+        const std::string data = RandomBytes(2000, 11);
+        for (int id = 1; id <= 400; ++id) {
+            MSHandle handle = nullptr;
+            ASSERT_EQ(MSNewHandle(&handle, 0), kNoError);
+            ASSERT_EQ(MSCopyBlockToHandle(data.data(), &handle, 2000), kNoError);
+            ASSERT_EQ(RMAddNewRecord(held.fRefNum, "MDUM", ("Clip " + std::to_string(id)).c_str(), id, handle),
+                      kNoError);
+            ASSERT_EQ(RMReleaseRecord(handle), kNoError);
+        }
+        for (int id = 1; id <= 400; ++id) {
+            if (id % 50 == 0) continue;
+            ASSERT_EQ(RMRemoveNumberedRecord(held.fRefNum, id, "MDUM"), kNoError);
+        }
+    }
+    const std::string listed = Output({"ls", fDatabase});
+    const std::uintmax_t before = std::filesystem::file_size(fDatabase);
+    const std::string report = Output({"compact", fDatabase});
+    const std::uintmax_t after = std::filesystem::file_size(fDatabase);
+    EXPECT_LT(after, before / 4);
+    EXPECT_NE(report.find(" bytes -> "), std::string::npos) << report;
+    EXPECT_EQ(Output({"ls", fDatabase}), listed);
+    EXPECT_NE(Output({"verify", fDatabase}).find("is sound"), std::string::npos);
+    EXPECT_EQ(Output({"compact", "--json", fDatabase}),
+              "{\"file\": \"" + fDatabase + "\", \"bytes_before\": " + std::to_string(after) +
+                  ", \"bytes_after\": " + std::to_string(after) + "}\n");
+
+    // Both header slots say version 1 (the version field is a little-endian
+    // word at byte 8 of each).
+    std::string older = ReadFileBytes(fDatabase);
+    older[8] = 1;
+    older[kPageBytes + 8] = 1;
+    const std::string path = fDirectory + "/older.kdb";
+    kavotest::WriteFileBytes(path, older);
+    for (const std::string& command : kCommands) {
+        SCOPED_TRACE(command);
+        ExpectFailure(Run(ArgumentsFor(command, path), "data"), kExitDamaged,
+                      "database format version 1; this library reads version 2");
+    }
+    EXPECT_TRUE(ReadFileBytes(path) == older);
+}
+
 // ---------------------------------------------------------------------------
 // The command line and the failures
 
@@ -324,7 +370,8 @@ TEST_F(KavodvdbTest, VerifyPassesASoundFileAndEveryCommandRefusesABrokenOneClean
     std::string middle = sound;
     for (std::size_t at = sound.size() / 2; at < sound.size() / 2 + 64; at += 8) middle[at] ^= 0x01;
 
-    const std::string notADatabase = "not a database file, or damaged";
+    const std::string notADatabase = "not a database of this library";
+    const std::string cutShort = "cut short: the file holds fewer pages than its header counts";
     const struct {
         std::string fName;
         std::string fBytes;
@@ -335,8 +382,8 @@ TEST_F(KavodvdbTest, VerifyPassesASoundFileAndEveryCommandRefusesABrokenOneClean
         {"random.bin", RandomBytes(3 * kPageBytes + 100, 3), kExitDamaged, notADatabase},
         {"notes.txt", "Shopping list\nmilk\nbread\n", kExitDamaged, notADatabase},
         {"empty.kdb", "", kExitDamaged, "the file is empty"},
-        {"half.kdb", sound.substr(0, sound.size() / kPageBytes / 2 * kPageBytes), kExitDamaged, notADatabase},
-        {"ragged.kdb", sound.substr(0, sound.size() - 1000), kExitDamaged, notADatabase},
+        {"half.kdb", sound.substr(0, sound.size() / kPageBytes / 2 * kPageBytes), kExitDamaged, cutShort},
+        {"ragged.kdb", sound.substr(0, sound.size() - 1000), kExitDamaged, cutShort},
         {"every-page.kdb", everyPage, kExitDamaged, "damaged"},
         {"middle.kdb", middle, kExitOK, ""},
     };
@@ -352,8 +399,10 @@ TEST_F(KavodvdbTest, VerifyPassesASoundFileAndEveryCommandRefusesABrokenOneClean
                               "damaged");
             } else if (file.fExitCode != kExitOK) {
                 const bool checked = verify && file.fExitCode == kExitDamaged;
+                const bool compacted = command == "compact" && file.fExitCode == kExitDamaged;
                 ExpectFailure(result, file.fExitCode,
-                              (checked ? "cannot check " : "cannot open ") + path + ": " + file.fReason);
+                              (checked ? "cannot check " : compacted ? "cannot compact " : "cannot open ") + path +
+                                  ": " + file.fReason);
                 EXPECT_EQ(result.fOut, "");
             } else if (verify || result.fExitCode != kExitOK) {
                 ExpectFailure(result, verify ? kExitDamaged : result.fExitCode, "");
