@@ -1,6 +1,7 @@
 // The engine's file I/O: the rules every file system keeps (the platform's,
 // the fault-injecting one and the counting one over it alike), and what only
 // the platform's does.
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "engine/FaultFileIO.h"
 #include "engine/FileIO.h"
@@ -106,6 +108,45 @@ TEST_P(FileSystemTest, FailedOpensSayWhyAndOnlyFilesThereAreRenamedOrRemoved) {
     EXPECT_FALSE(FileSystem().Rename(PathOf("missing"), PathOf("d")) || FileSystem().Exists(PathOf("d")));
     EXPECT_TRUE(FileSystem().Remove(PathOf("b")));
     EXPECT_FALSE(FileSystem().Exists(PathOf("b")) || FileSystem().Remove(PathOf("b")));
+}
+
+// A nameless file is reached by no name until Publish gives it one, in one
+// step, with what was written, still locked; a name that exists is never
+// replaced; a nameless file let go, or cut off by a crash, leaves nothing.
+TEST_P(FileSystemTest, ANamelessFileGetsItsNameInOneStepAndNeverReplacesOne) {
+    MakeFile("taken", "taken");
+    std::unique_ptr<TFile> fresh = FileSystem().CreateUnnamed(PathOf("new"), nullptr);
+    ASSERT_NE(fresh, nullptr);
+    ASSERT_TRUE(WriteText(*fresh, 0, "made"));
+    ASSERT_TRUE(fresh->Sync());
+    EXPECT_FALSE(FileSystem().Exists(PathOf("new")));
+    EXPECT_EQ(FileSystem().Publish(fresh.get(), PathOf("taken")), FileError::kExists);
+    EXPECT_EQ(ReadAll(*Open("taken", OpenMode::kReadOnly)), "taken");
+    ASSERT_EQ(FileSystem().Publish(fresh.get(), PathOf("new")), FileError::kNone);
+    FileError error = FileError::kNone;
+    EXPECT_EQ(Open("new", OpenMode::kReadOnly, &error), nullptr);
+    EXPECT_EQ(error, FileError::kLocked);
+    fresh.reset();
+    EXPECT_EQ(ReadAll(*Open("new", OpenMode::kReadOnly)), "made");
+
+    std::unique_ptr<TFile> dropped = FileSystem().CreateUnnamed(PathOf("dropped"), nullptr);
+    ASSERT_NE(dropped, nullptr);
+    EXPECT_TRUE(WriteText(*dropped, 0, "never named"));
+    dropped.reset();
+    if (GetParam() != Kind::kPlatform) {
+        std::unique_ptr<TFile> cut = FileSystem().CreateUnnamed(PathOf("cut"), nullptr);
+        ASSERT_NE(cut, nullptr);
+        EXPECT_TRUE(WriteText(*cut, 0, "cut off") && cut->Sync());
+        fFault.Crash();
+        EXPECT_NE(FileSystem().Publish(cut.get(), PathOf("cut")), FileError::kNone);
+        EXPECT_EQ(fFault.FileNames(), (std::vector<std::string>{PathOf("new"), PathOf("taken")}));
+        return;
+    }
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(fDirectory.Path()))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"new", "taken"}));
 }
 
 // Random writes (some empty, of no bytes at all), reads and truncations
