@@ -14,6 +14,9 @@ namespace {
 
 constexpr std::uint8_t kMemberData = 1;
 constexpr std::uint8_t kMemberIndex = 2;
+// Removals outnumbering adds by this many since the last checkpoint make a
+// shrinking file, whose freed pages are worth an early checkpoint.
+constexpr std::int64_t kShrinkingRecords = 64;
 
 class TCatalogWriter {
 public:
@@ -548,9 +551,16 @@ std::int16_t THostFile::Refusal() const {
 // leaves the file as it was; it is tried again later. A checkpoint always
 // comes after the change it follows is logged, so that it makes everything
 // up to that change durable.
-void THostFile::Upkeep() {
+void THostFile::Upkeep(int records) {
+    // Records added less those removed since the last checkpoint: a file
+    // losing records is shrinking.
+    if (fPager->Stats().fCheckpoints != fCheckpointsSeen) {
+        fCheckpointsSeen = fPager->Stats().fCheckpoints;
+        fRecordsSinceCheckpoint = 0;
+    }
+    fRecordsSinceCheckpoint += records;
     try {
-        if (fPager->CheckpointDue() || fPager->ReclaimDue()) {
+        if (fPager->CheckpointDue() || fPager->ReclaimDue(fRecordsSinceCheckpoint <= -kShrinkingRecords)) {
             fPager->Checkpoint(SaveCatalog());
         } else if (fPager->WriteBackDue()) {
             fPager->WriteBack();
@@ -569,7 +579,7 @@ std::int16_t THostFile::FinishChange(std::int16_t error, std::uint8_t kind, std:
         }
     }
     if (error != kEngineNoError) return fPager->OperationChanged() ? Recover(error) : error;
-    Upkeep();
+    Upkeep(kind == kFrameAdd ? 1 : kind == kFrameDelete ? -1 : 0);
     return kEngineNoError;
 }
 

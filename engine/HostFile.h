@@ -133,7 +133,8 @@ private:
     // Ends a change: logs it, or undoes it when it or its logging failed.
     std::int16_t FinishChange(std::int16_t error, std::uint8_t kind, std::uint8_t data, std::uint32_t record,
                               const TMemoryBytes& bytes);
-    void Upkeep();
+    // `records`: the change's records added (1), removed (-1) or neither.
+    void Upkeep(int records);
     std::int16_t ApplyAdd(std::uint8_t data, std::uint32_t record, const TByteSource& bytes, std::uint32_t length,
                           bool checkKeys);
     std::int16_t ApplyRewrite(std::uint8_t data, std::uint32_t record, const TByteSource& bytes,
@@ -158,6 +159,8 @@ private:
     std::vector<std::vector<std::uint8_t>> fNewKeys;
     std::vector<std::uint8_t> fTreeKey;
     std::vector<std::uint8_t> fKeyBytes;
+    std::uint64_t fCheckpointsSeen = 0;
+    std::int64_t fRecordsSinceCheckpoint = 0;
 };
 
 }  // namespace engine

@@ -44,9 +44,11 @@ constexpr std::uint32_t kNextExtentFrameSize = kFrameHeadSize + 4 + kFrameTailSi
 constexpr std::uint32_t kMaxFramePayload = 0x40000000;
 // The first extent is small, so that a small database stays small; the
 // extents chained on it double up to the largest, or are as long as the one
-// frame that needs them.
+// frame that needs them. The largest is kept small too: the log's extents are
+// pages the file holds for the log until the next checkpoint, and an extent
+// only begun holds its whole length.
 constexpr std::uint32_t kFirstExtentPages = 16;
-constexpr std::uint32_t kLargestChainedExtent = 8192;
+constexpr std::uint32_t kLargestChainedExtent = 256;
 constexpr std::uint32_t kMaxExtentPages = 1u << 20;
 // Frames up to this size are assembled and written in one call; longer ones
 // go out in pieces straight from the caller's memory, so that a long record
@@ -61,7 +63,9 @@ constexpr std::size_t kKeptFrameBuffer = kAssembledFrameLimit;
 constexpr std::size_t kKeptRunBuffer = 256 * kPageSize;
 
 // A checkpoint is due when the log passes this size or this many pages have
-// been allocated (or copied) since the last one. Between checkpoints, changed
+// been allocated (or copied) since the last one. The log lives in the file
+// until the next checkpoint frees its extents, so its size is that much more
+// file; the next checkpoint's data pages fill the extents freed. Between checkpoints, changed
 // pages are written back to their places whenever this many have gathered,
 // and synced: the checkpoint's sync (the close's too) then finds little left
 // to do, while a page changed again and again until the next checkpoint is
@@ -69,7 +73,7 @@ constexpr std::size_t kKeptRunBuffer = 256 * kPageSize;
 // durable names a written-back page before the next checkpoint); without it,
 // a close flushes up to a whole checkpoint's pages. The size of a write-back
 // bounds the work left to the close.
-constexpr std::uint64_t kCheckpointLogBytes = 64ull << 20;
+constexpr std::uint64_t kCheckpointLogBytes = 4ull << 20;
 constexpr std::size_t kCheckpointPages = 8192;
 constexpr std::size_t kWriteBackPages = 768;
 // Removing records frees pages only at the next checkpoint. When the free
@@ -895,8 +899,8 @@ TPage* TPager::NewFrame(std::int16_t* error) {
     TPage* page = nullptr;
     try {
         // Both lists have room for every frame, so that Forget never allocates.
-        fFrames.reserve(fFrames.size() + 1);
-        fSpareFrames.reserve(fFrames.size() + 1);
+        if (fFrames.size() == fFrames.capacity()) fFrames.reserve(2 * fFrames.size() + 64);
+        if (fSpareFrames.capacity() < fFrames.capacity()) fSpareFrames.reserve(fFrames.capacity());
         if (!gFramePoolGone && !gFramePool.fFrames.empty()) {
             page = gFramePool.fFrames.back();
             gFramePool.fFrames.pop_back();
@@ -1140,8 +1144,8 @@ bool TPager::CheckpointDue() const {
            fStats.fLogFrames >= fRetryAtFrame;
 }
 
-bool TPager::ReclaimDue() const {
-    return !fReadOnly && fPoison == 0 && fFree.Size() < kAllocationReserve &&
+bool TPager::ReclaimDue(bool shrinking) const {
+    return shrinking && !fReadOnly && fPoison == 0 && fFree.Size() < kAllocationReserve &&
            fFreedSinceCheckpoint.size() >= kReclaimPages && fStats.fLogFrames >= fRetryAtFrame;
 }
 

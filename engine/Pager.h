@@ -324,9 +324,12 @@ public:
     std::int16_t RenewLog();
     bool CheckpointDue() const;
     // Pages freed since the last checkpoint wait to be reused while the free
-    // pages run out: a checkpoint now lets them serve the next changes
-    // instead of the file growing.
-    bool ReclaimDue() const;
+    // pages run out, in a file whose records are being removed (`shrinking`,
+    // the host file's judgement): a checkpoint now lets them serve the next
+    // changes instead of the file growing. A file that is not shrinking grows
+    // into the pages its next checkpoint frees, as any copy-on-write file
+    // must, and checkpoints no more often than usual.
+    bool ReclaimDue(bool shrinking) const;
     // Enough changed pages have gathered to write them back (WriteBack).
     bool WriteBackDue() const;
     std::int16_t WriteBack();

@@ -7,6 +7,7 @@
 // space comes back; removing records never grows the file.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <random>
@@ -181,20 +182,26 @@ TEST_F(OneFileTest, ADirectoryThatTakesNoNewNamesMattersNotWhenTheFileIsWritable
 // memory, and the cache, unable to evict them, grows by steps instead of
 // searching all its pages for every new one.
 TEST_F(OneFileTest, AReadOnlyOpenRedoesALongLogInLinearTime) {
-    engine::TPager::SetCacheCapacity(64);
     TTestDatabase db("long-log.kdb");
     ASSERT_EQ(db.Create(), kEngineNoError);
-    ASSERT_EQ(Add(db, 1, 16u << 20), kEngineNoError);
-    for (std::int32_t id = 2; id < 500; ++id) ASSERT_EQ(Add(db, id, 2000), kEngineNoError);
+    std::vector<std::int32_t> ids(30000);
+    for (std::size_t i = 0; i < ids.size(); ++i) ids[i] = static_cast<std::int32_t>(2 * i);
+    for (std::int32_t id : ids) ASSERT_EQ(Add(db, id, 60), kEngineNoError);
+    ASSERT_EQ(db.Close(), kEngineNoError);
+    // Adds between the records already there copy leaves all over the trees;
+    // no checkpoint comes before the death.
+    engine::TPager::SetCheckpointPages(1000000);
+    ASSERT_EQ(db.Open(), kEngineNoError);
+    std::shuffle(ids.begin(), ids.end(), std::mt19937(3));
+    for (std::size_t i = 0; i < 4000; ++i) ASSERT_EQ(Add(db, ids[i] + 1, 60), kEngineNoError);
     Die();
+    engine::TPager::SetCacheCapacity(64);
     ASSERT_EQ(db.Open(true), kEngineNoError);
     const engine::TPagerStats* stats = HostFileStats(TTestDatabase::kHostNumber);
     ASSERT_NE(stats, nullptr);
-    EXPECT_GT(stats->fPagesAllocated, 4096u);
+    EXPECT_GT(stats->fPagesAllocated, 800u);
     EXPECT_LT(stats->fCacheSweeps, 64 * stats->fPagesAllocated);
-    const kavotest::TContent content = kavotest::ReadContent(db, 1u << 25);
-    EXPECT_TRUE(content.fProblem.empty()) << content.fProblem;
-    EXPECT_EQ(content.fRecords.size(), 499u);
+    EXPECT_EQ(CountIndexEntries(db.NumberIndex()), 34000u);
     EXPECT_EQ(db.Close(), kEngineNoError);
 }
 
