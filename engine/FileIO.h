@@ -58,16 +58,18 @@ public:
     // A new, empty file in the directory `path` names (which must exist),
     // open for reading and writing and locked exclusively, that no name
     // reaches yet: nothing written to it is visible under any name until
-    // Publish, and if the process ends first it leaves nothing behind (where
-    // the system offers no nameless files, a temporary beside `path` stands
-    // in; the implementations say which). Null on failure, the reason in
-    // *error (which may be null).
+    // Publish, and if the process ends first the file leaves nothing behind
+    // (where the system offers no nameless files, a hidden temporary beside
+    // `path` stands in; the implementations say what it is called and when it
+    // can be left). Null on failure, the reason in *error (which may be null).
     virtual std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) = 0;
     // Gives `file` (made by CreateUnnamed of this file system, written and
-    // synced by the caller) the name `path` in one step, unless something
-    // has that name already: then kExists, and nothing changes (a name is
-    // never replaced). On kNone the name survives a loss of power and the
-    // file stays open and locked; on any other answer it stays nameless.
+    // synced by the caller) the name `path`, in the directory it was made
+    // for, in one step, unless something has that name already: then
+    // kExists, and nothing changes (a name is never replaced). On kNone the
+    // name survives a loss of power (the directory is synced) and the file
+    // stays open and locked. Any other failure is kIO or kDenied, and the
+    // file stays nameless. A file once published is not published again.
     virtual FileError Publish(TFile* file, const std::string& path) = 0;
     virtual bool Exists(const std::string& path) = 0;
     // False when the file could not be removed (a missing file included).
@@ -82,6 +84,14 @@ public:
 
 // The platform's file system (POSIX or Win32), one per process.
 TFileSystem* PlatformFileSystem();
+
+#if !defined(_WIN32)
+// The POSIX file system as it runs where the kernel or the file system
+// offers no nameless files and, unless `hardLinks`, no hard links either:
+// CreateUnnamed always makes a hidden temporary. Tests hold these ways to the
+// contract the platform's file system keeps. One of each per process.
+TFileSystem* PosixFileSystemWithoutNamelessFiles(bool hardLinks);
+#endif
 
 // The file system the engine uses: the platform's unless a test installed
 // another. Installing null restores the platform's.

@@ -21,6 +21,8 @@
 #include <cstdio>
 #include <limits>
 #include <new>
+#include <string>
+#include <utility>
 
 #include "engine/FileIO.h"
 
@@ -103,6 +105,94 @@ int OpenRetrying(const char* path, int flags, mode_t mode) {
     return fd;
 }
 
+// How a file made by CreateUnnamed comes to its name at Publish.
+enum class TNaming {
+    kNone,             // opened by name, or published: nothing to name
+    kLinkNameless,     // an O_TMPFILE file, linked under the name through /proc/self/fd
+    kLinkTemporary,    // a hidden temporary, linked under the name, then removed
+    kRenameTemporary,  // a hidden temporary, renamed without replacing
+};
+
+std::string ProcPathOf(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
+// A nameless file in `directory`, or -1 where the kernel (EISDIR, EINVAL,
+// ENOENT before O_TMPFILE), the file system (EOPNOTSUPP) or a missing /proc
+// leaves no way to give it a name. /proc/self/fd must lead to the file
+// itself, not merely exist, for Publish to link through it.
+int OpenNameless(const std::string& directory) {
+#if defined(O_TMPFILE)
+    const int fd = OpenRetrying(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kNewFileMode);
+    if (fd < 0) return -1;
+    struct stat opened;
+    struct stat reached;
+    if (::fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode) &&
+        ::stat(ProcPathOf(fd).c_str(), &reached) == 0 && opened.st_dev == reached.st_dev &&
+        opened.st_ino == reached.st_ino)
+        return fd;
+    ::close(fd);
+#else
+    (void)directory;
+#endif
+    return -1;
+}
+
+#if defined(__linux__) && defined(SYS_renameat2)
+#if defined(RENAME_NOREPLACE)
+constexpr unsigned kRenameNoReplace = RENAME_NOREPLACE;
+#else
+constexpr unsigned kRenameNoReplace = 1;  // the kernel's value, which older C libraries do not name
+#endif
+#endif
+
+// rename that fails with EEXIST rather than replace `to`; ENOSYS where the
+// kernel lacks it, EINVAL where the file system does.
+int RenameNoReplace(const char* from, const char* to) {
+#if defined(__linux__) && defined(SYS_renameat2)
+    return static_cast<int>(::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, kRenameNoReplace));
+#else
+    (void)from;
+    (void)to;
+    errno = ENOSYS;
+    return -1;
+#endif
+}
+
+// ".NAME.<16 hex digits>.kdb-new" beside `path`: hidden from a plain
+// listing, and plainly the new database NAME to anyone who finds it.
+std::string TemporaryNameFor(const std::string& path) {
+    static std::atomic<std::uint64_t> counter{0};
+    std::uint64_t mixed =
+        static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+        (static_cast<std::uint64_t>(::getpid()) << 40) ^ (++counter * 0x9E3779B97F4A7C15ull);
+    // One round of splitmix64, so that names made close together differ in every digit.
+    mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9ull;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBull;
+    mixed ^= mixed >> 31;
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, ".%016llx.kdb-new", static_cast<unsigned long long>(mixed));
+    return DirectoryOf(path) + "/." + BaseNameOf(path) + suffix;
+}
+
+// Calls `attempt` with fresh temporary names for `path` until it succeeds,
+// leaving the name it took in *name; false (errno set) once it fails other
+// than for a name taken, or keeps meeting taken names.
+template <typename TAttempt>
+bool TakeTemporaryName(const std::string& path, std::string* name, TAttempt attempt) {
+    for (int tries = 0; tries < 16; ++tries) {
+        *name = TemporaryNameFor(path);
+        if (attempt(name->c_str())) return true;
+        if (errno != EEXIST) return false;
+    }
+    return false;
+}
+
+// What a failed Publish answers besides kExists.
+FileError NamingFailure(int error) {
+    return error == EACCES || error == EPERM || error == EROFS ? FileError::kDenied : FileError::kIO;
+}
+
 // Takes the lock every file of the engine holds: shared or exclusive, never
 // waiting. False (errno set) when another open holds it.
 bool LockFile(int fd, bool shared) {
@@ -115,19 +205,26 @@ bool LockFile(int fd, bool shared) {
 
 class TPosixFile : public TFile {
 public:
-    TPosixFile(int fd, bool readOnly) : fFd(fd), fReadOnly(readOnly) {}
+    TPosixFile(int fd, bool readOnly, TNaming naming = TNaming::kNone, std::string temporary = std::string())
+        : fFd(fd), fReadOnly(readOnly), fNaming(naming), fTemporary(std::move(temporary)) {}
+    // An unpublished temporary goes first, while the lock still keeps
+    // everyone else from it.
     ~TPosixFile() override {
-        ::close(fFd);
         if (!fTemporary.empty()) ::unlink(fTemporary.c_str());
+        ::close(fFd);
     }
-
-    // A file made by CreateUnnamed: nameless (O_TMPFILE), or under a
-    // temporary name until published.
-    bool fNameless = false;
-    std::string fTemporary;
-    int Descriptor() const { return fFd; }
     TPosixFile(const TPosixFile&) = delete;
     TPosixFile& operator=(const TPosixFile&) = delete;
+
+    int Descriptor() const { return fFd; }
+    TNaming Naming() const { return fNaming; }
+    const std::string& Temporary() const { return fTemporary; }
+    // The file has its name, or has lost every name for good: the temporary
+    // name, if any, is gone already and nothing is left to publish.
+    void EndNaming() {
+        fNaming = TNaming::kNone;
+        fTemporary.clear();
+    }
 
     bool ReadAt(std::uint64_t offset, void* buffer, std::size_t length, std::size_t* bytesRead) override {
         std::size_t done = 0;
@@ -188,16 +285,28 @@ public:
 private:
     int fFd;
     bool fReadOnly;
+    TNaming fNaming;
+    std::string fTemporary;  // the temporary's name, while it has one
 };
 
 class TPosixFileSystem : public TFileSystem {
 public:
+    TPosixFileSystem(bool namelessFiles, bool hardLinks)
+        : fNamelessFiles(namelessFiles), fHardLinks(hardLinks) {}
+
     std::unique_ptr<TFile> Open(const std::string& path, OpenMode mode, FileError* error) override;
     std::unique_ptr<TFile> CreateUnnamed(const std::string& path, FileError* error) override;
     FileError Publish(TFile* file, const std::string& path) override;
     bool Exists(const std::string& path) override;
     bool Remove(const std::string& path) override;
     bool Rename(const std::string& from, const std::string& to) override;
+
+private:
+    int MakeTemporary(const std::string& path, std::string* temporary, TNaming* naming,
+                      FileError* error) const;
+
+    bool fNamelessFiles;  // O_TMPFILE is tried first
+    bool fHardLinks;      // a temporary may be published by link()
 };
 
 std::unique_ptr<TFile> TPosixFileSystem::Open(const std::string& path, OpenMode mode, FileError* error) {
@@ -262,8 +371,9 @@ std::unique_ptr<TFile> TPosixFileSystem::Open(const std::string& path, OpenMode 
 // Where the kernel and the file system offer it, the new file is nameless
 // (O_TMPFILE): a create cut short leaves nothing at all, and Publish links it
 // under its name through /proc/self/fd. Elsewhere it is a hidden temporary
-// beside the name, ".NAME.<hex>.kdb-new", removed when the file is closed
-// unpublished; only a process killed between the two leaves it behind.
+// beside the name, ".NAME.<16 hex digits>.kdb-new", removed when the file is
+// let go unpublished; only a process killed before that (or a loss of power)
+// leaves it behind, for a person to recognise and remove.
 std::unique_ptr<TFile> TPosixFileSystem::CreateUnnamed(const std::string& path, FileError* error) {
     FileError ignored;
     if (error == nullptr) error = &ignored;
@@ -272,79 +382,101 @@ std::unique_ptr<TFile> TPosixFileSystem::CreateUnnamed(const std::string& path, 
         *error = FileError::kNotFound;
         return nullptr;
     }
-    const std::string directory = DirectoryOf(path);
     std::string temporary;
-    int fd = -1;
-#if defined(O_TMPFILE)
-    fd = OpenRetrying(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kNewFileMode);
-    if (fd >= 0 && ::access(("/proc/self/fd/" + std::to_string(fd)).c_str(), F_OK) != 0) {
-        ::close(fd);  // it could not be given a name
-        fd = -1;
-    }
-#endif
-    if (fd < 0) {
-        static std::atomic<std::uint32_t> counter{0};
-        for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
-            const auto now = static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-            char suffix[40];
-            std::snprintf(suffix, sizeof suffix, ".%08x%08x.kdb-new", static_cast<unsigned>(::getpid()),
-                          static_cast<unsigned>(now ^ (now >> 32) ^ (counter++ * 0x9E3779B9u)));
-            temporary = directory + "/." + BaseNameOf(path) + suffix;
-            fd = OpenRetrying(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
-            if (fd < 0 && errno != EEXIST) break;
-        }
-        if (fd < 0) {
-            *error = ErrorFromErrno(errno);
-            return nullptr;
-        }
-    }
+    TNaming naming = TNaming::kLinkNameless;
+    int fd = fNamelessFiles ? OpenNameless(DirectoryOf(path)) : -1;
+    if (fd < 0) fd = MakeTemporary(path, &temporary, &naming, error);
+    if (fd < 0) return nullptr;
+
+    // Nothing else can reach the file yet; the lock is for the opens that
+    // will once it has its name.
     if (!LockFile(fd, false)) {
         *error = FileError::kIO;
-        ::close(fd);
         if (!temporary.empty()) ::unlink(temporary.c_str());
+        ::close(fd);
         return nullptr;
     }
-    TPosixFile* file = nullptr;
-    try {
-        file = new TPosixFile(fd, false);
-        file->fTemporary = temporary;
-    } catch (const std::bad_alloc&) {
-        delete file;
-        ::close(fd);
+    // The temporary's name moves into the file only once it is allocated.
+    TFile* file = new (std::nothrow) TPosixFile(fd, false, naming, std::move(temporary));
+    if (file == nullptr) {
         if (!temporary.empty()) ::unlink(temporary.c_str());
+        ::close(fd);
         *error = FileError::kNoMemory;
-        return nullptr;
     }
-    file->fNameless = temporary.empty();
     return std::unique_ptr<TFile>(file);
 }
 
-// Gives the name with link(), which never replaces: EEXIST is the answer when
-// the name is taken. A file system without hard links gets renameat2 with
-// RENAME_NOREPLACE, which is as safe, where the kernel has it.
+// Makes the temporary, and tries on it the way Publish will name it, so
+// that Publish never meets a way the file system lacks: a hard link (made
+// under a second temporary name and removed at once) where there are hard
+// links, else a rename without replacing onto a second temporary name, which
+// the file then keeps. Where neither works no name could be given without
+// risking replacing one, and no file is made. The descriptor, or -1 with the
+// reason in *error.
+int TPosixFileSystem::MakeTemporary(const std::string& path, std::string* temporary, TNaming* naming,
+                                    FileError* error) const {
+    int fd = -1;
+    const bool made = TakeTemporaryName(path, temporary, [&fd](const char* name) {
+        fd = OpenRetrying(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+        return fd >= 0;
+    });
+    if (!made) {
+        *error = ErrorFromErrno(errno);
+        return -1;
+    }
+    std::string trial;
+    if (fHardLinks && TakeTemporaryName(path, &trial, [temporary](const char* name) {
+            return ::link(temporary->c_str(), name) == 0;
+        })) {
+        ::unlink(trial.c_str());
+        *naming = TNaming::kLinkTemporary;
+        return fd;
+    }
+    if (TakeTemporaryName(path, &trial, [temporary](const char* name) {
+            return RenameNoReplace(temporary->c_str(), name) == 0;
+        })) {
+        *temporary = std::move(trial);
+        *naming = TNaming::kRenameTemporary;
+        return fd;
+    }
+    *error = NamingFailure(errno);
+    ::unlink(temporary->c_str());
+    ::close(fd);
+    return -1;
+}
+
+// link() and linkat() never replace: EEXIST is their answer when the name is
+// taken, as it is renameat2's with RENAME_NOREPLACE. A linked temporary loses
+// its own name before the directory is synced, so that one sync makes both
+// changes durable. A directory that cannot be synced takes the new name away
+// again, so that the file stays nameless as a failed Publish promises (for
+// good: the way back to a name is gone).
 FileError TPosixFileSystem::Publish(TFile* file, const std::string& path) {
     auto* posix = static_cast<TPosixFile*>(file);
-    if (posix == nullptr || !IsUsablePath(path) || (!posix->fNameless && posix->fTemporary.empty()))
-        return FileError::kIO;
-    int linked;
-    if (posix->fNameless) {
-        const std::string self = "/proc/self/fd/" + std::to_string(posix->Descriptor());
-        linked = ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
-    } else {
-        linked = ::link(posix->fTemporary.c_str(), path.c_str());
-#if defined(SYS_renameat2) && defined(RENAME_NOREPLACE)
-        if (linked != 0 && (errno == EPERM || errno == ENOTSUP || errno == EOPNOTSUPP || errno == EXDEV)) {
-            linked = static_cast<int>(::syscall(SYS_renameat2, AT_FDCWD, posix->fTemporary.c_str(), AT_FDCWD,
-                                                path.c_str(), RENAME_NOREPLACE));
-            if (linked == 0) posix->fTemporary.clear();
-        }
-#endif
+    if (posix == nullptr || !IsUsablePath(path)) return FileError::kIO;
+    int named = -1;
+    switch (posix->Naming()) {
+        case TNaming::kNone:
+            return FileError::kIO;
+        case TNaming::kLinkNameless:
+            named = ::linkat(AT_FDCWD, ProcPathOf(posix->Descriptor()).c_str(), AT_FDCWD, path.c_str(),
+                             AT_SYMLINK_FOLLOW);
+            break;
+        case TNaming::kLinkTemporary:
+            named = ::link(posix->Temporary().c_str(), path.c_str());
+            if (named == 0) ::unlink(posix->Temporary().c_str());
+            break;
+        case TNaming::kRenameTemporary:
+            named = RenameNoReplace(posix->Temporary().c_str(), path.c_str());
+            break;
     }
-    if (linked != 0) return errno == EEXIST ? FileError::kExists : ErrorFromErrno(errno);
-    if (!posix->fTemporary.empty()) ::unlink(posix->fTemporary.c_str());
-    posix->fTemporary.clear();
-    posix->fNameless = false;
-    return SyncDirectory(DirectoryOf(path)) ? FileError::kNone : FileError::kIO;
+    if (named != 0) return errno == EEXIST ? FileError::kExists : NamingFailure(errno);
+    posix->EndNaming();
+    if (!SyncDirectory(DirectoryOf(path))) {
+        ::unlink(path.c_str());
+        return FileError::kIO;
+    }
+    return FileError::kNone;
 }
 
 // True for any entry of that name, directories included, as on Windows.
@@ -373,8 +505,16 @@ bool TPosixFileSystem::Rename(const std::string& from, const std::string& to) {
 // process ends, and costs no allocation that could fail.
 TFileSystem* PlatformFileSystem() {
     alignas(TPosixFileSystem) static unsigned char storage[sizeof(TPosixFileSystem)];
-    static TFileSystem* const platform = new (storage) TPosixFileSystem;
+    static TFileSystem* const platform = new (storage) TPosixFileSystem(true, true);
     return platform;
+}
+
+TFileSystem* PosixFileSystemWithoutNamelessFiles(bool hardLinks) {
+    alignas(TPosixFileSystem) static unsigned char linking[sizeof(TPosixFileSystem)];
+    alignas(TPosixFileSystem) static unsigned char renaming[sizeof(TPosixFileSystem)];
+    static TFileSystem* const withLinks = new (linking) TPosixFileSystem(false, true);
+    static TFileSystem* const withoutLinks = new (renaming) TPosixFileSystem(false, false);
+    return hardLinks ? withLinks : withoutLinks;
 }
 
 }  // namespace engine

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <new>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/FileIO.h"
@@ -51,19 +53,39 @@ OVERLAPPED At(std::uint64_t offset) {
     return overlapped;
 }
 
+// Has the system delete the file once its last handle is closed (the end of
+// the process included), or not. Needs a handle opened with DELETE access.
+bool SetDeleteOnClose(HANDLE handle, bool deleteOnClose) {
+    FILE_DISPOSITION_INFO disposition = {};
+    disposition.DeleteFile = deleteOnClose ? TRUE : FALSE;
+    return SetFileInformationByHandle(handle, FileDispositionInfo, &disposition, sizeof disposition) != 0;
+}
+
 class TWin32File : public TFile {
 public:
-    TWin32File(HANDLE handle, bool readOnly) : fHandle(handle), fReadOnly(readOnly) {}
+    TWin32File(HANDLE handle, bool readOnly, std::string temporary = std::string())
+        : fHandle(handle), fReadOnly(readOnly), fTemporary(std::move(temporary)) {}
+    // An unpublished temporary goes with the close when it is marked so, and
+    // is deleted by name when the system refused the mark.
     ~TWin32File() override {
         CloseHandle(fHandle);
-        if (!fTemporary.empty()) DeleteFileA(fTemporary.c_str());
+        if (!fTemporary.empty() && !fMarked) DeleteFileA(fTemporary.c_str());
     }
-
-    // A file made by CreateUnnamed, under its temporary name until published.
-    std::string fTemporary;
-    HANDLE Handle() const { return fHandle; }
     TWin32File(const TWin32File&) = delete;
     TWin32File& operator=(const TWin32File&) = delete;
+
+    HANDLE Handle() const { return fHandle; }
+    // The temporary's name until the file is published, else empty.
+    const std::string& Temporary() const { return fTemporary; }
+    void EndNaming() { fTemporary.clear(); }
+    // Marks the file to be deleted when its handle closes (the end of the
+    // process included), or lifts the mark. False when the system refuses.
+    bool Mark(bool marked) {
+        if (!SetDeleteOnClose(fHandle, marked)) return false;
+        fMarked = marked;
+        return true;
+    }
+    bool IsMarked() const { return fMarked; }
 
     bool ReadAt(std::uint64_t offset, void* buffer, std::size_t length, std::size_t* bytesRead) override {
         std::size_t done = 0;
@@ -122,6 +144,8 @@ public:
 private:
     HANDLE fHandle;
     bool fReadOnly;
+    std::string fTemporary;
+    bool fMarked = false;
 };
 
 class TWin32FileSystem : public TFileSystem {
@@ -164,10 +188,73 @@ std::unique_ptr<TFile> TWin32FileSystem::Open(const std::string& path, OpenMode 
     return std::unique_ptr<TFile>(file);
 }
 
-// Windows has no nameless files: the new file is "NAME.<hex>.kdb-new" beside
-// the name, opened with DELETE access and shared with no one, and removed when
-// it is closed unpublished; only a process killed between the two leaves it
-// behind. Publish renames it through its own handle, never replacing.
+// "NAME.<16 hex digits>.kdb-new" beside `path`: plainly the new database
+// NAME to anyone who finds it.
+std::string TemporaryNameFor(const std::string& path) {
+    static unsigned long long counter = 0;
+    LARGE_INTEGER now = {};
+    QueryPerformanceCounter(&now);
+    unsigned long long mixed = static_cast<unsigned long long>(now.QuadPart) ^
+                               (static_cast<unsigned long long>(GetCurrentProcessId()) << 40) ^
+                               (++counter * 0x9E3779B97F4A7C15ull);
+    // One round of splitmix64, so that names made close together differ in every digit.
+    mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9ull;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBull;
+    mixed ^= mixed >> 31;
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, ".%08lx%08lx.kdb-new", static_cast<unsigned long>(mixed >> 32),
+                  static_cast<unsigned long>(mixed & 0xFFFFFFFFu));
+    return path + suffix;
+}
+
+// `path` as the rename through a handle takes it: a full path in the
+// system's own form (\??\C:\dir\name, or \??\UNC\server\share\name for a
+// share), in UTF-16 after the code page the *A calls use. A bare name is not
+// read alike everywhere (some take it relative to the current directory
+// rather than to the file's). Empty on failure.
+std::vector<WCHAR> SystemPathOf(const std::string& path) {
+    char full[MAX_PATH * 4];
+    const DWORD fullLength = GetFullPathNameA(path.c_str(), sizeof full, full, nullptr);
+    if (fullLength == 0 || fullLength >= sizeof full) return {};
+    std::string system(full);
+    if (system.rfind("\\\\?\\", 0) == 0 || system.rfind("\\\\.\\", 0) == 0) {
+        system = "\\??\\" + system.substr(4);
+    } else if (system.rfind("\\\\", 0) == 0) {
+        system = "\\??\\UNC\\" + system.substr(2);
+    } else {
+        system = "\\??\\" + system;
+    }
+    const UINT codePage = AreFileApisANSI() ? CP_ACP : CP_OEMCP;
+    const int wide = MultiByteToWideChar(codePage, 0, system.c_str(), -1, nullptr, 0);
+    if (wide <= 1) return {};
+    std::vector<WCHAR> converted(static_cast<std::size_t>(wide));
+    if (MultiByteToWideChar(codePage, 0, system.c_str(), -1, converted.data(), wide) != wide) return {};
+    converted.pop_back();  // the terminating NUL, which the rename does not count
+    return converted;
+}
+
+// Renames the file of `handle` to `name` (from SystemPathOf), never
+// replacing a file of that name. The system's error on failure.
+DWORD RenameByHandle(HANDLE handle, const std::vector<WCHAR>& name) {
+    const std::size_t nameBytes = name.size() * sizeof(WCHAR);
+    std::vector<unsigned char> buffer(sizeof(FILE_RENAME_INFO) + nameBytes, 0);
+    auto* rename = reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
+    rename->ReplaceIfExists = FALSE;
+    rename->RootDirectory = nullptr;
+    rename->FileNameLength = static_cast<DWORD>(nameBytes);
+    std::copy(name.begin(), name.end(), rename->FileName);
+    if (SetFileInformationByHandle(handle, FileRenameInfo, rename, static_cast<DWORD>(buffer.size())))
+        return ERROR_SUCCESS;
+    return GetLastError();
+}
+
+// Windows has no nameless files: the new file is a temporary beside the name,
+// "NAME.<16 hex digits>.kdb-new", opened with DELETE access and shared with no
+// one (so locked as a write open is) and marked to be deleted when its handle
+// closes. A process killed before Publish therefore leaves nothing; only a
+// loss of power before then leaves the temporary, named so that a person
+// recognises it. Publish lifts the mark and renames the file through its own
+// handle, never replacing.
 std::unique_ptr<TFile> TWin32FileSystem::CreateUnnamed(const std::string& path, FileError* error) {
     FileError ignored;
     if (error == nullptr) error = &ignored;
@@ -176,14 +263,10 @@ std::unique_ptr<TFile> TWin32FileSystem::CreateUnnamed(const std::string& path, 
         *error = FileError::kNotFound;
         return nullptr;
     }
-    static unsigned counter = 0;
     HANDLE handle = INVALID_HANDLE_VALUE;
     std::string temporary;
     for (int attempt = 0; attempt < 16 && handle == INVALID_HANDLE_VALUE; ++attempt) {
-        char suffix[40];
-        std::snprintf(suffix, sizeof suffix, ".%08lx%08lx.kdb-new", static_cast<unsigned long>(GetCurrentProcessId()),
-                      static_cast<unsigned long>(GetTickCount() ^ (++counter * 0x9E3779B9u)));
-        temporary = path + suffix;
+        temporary = TemporaryNameFor(path);
         handle = CreateFileA(temporary.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, CREATE_NEW,
                              FILE_ATTRIBUTE_NORMAL, nullptr);
         if (handle == INVALID_HANDLE_VALUE && GetLastError() != ERROR_FILE_EXISTS &&
@@ -194,58 +277,45 @@ std::unique_ptr<TFile> TWin32FileSystem::CreateUnnamed(const std::string& path, 
         *error = ErrorFromLastError(GetLastError());
         return nullptr;
     }
-    TWin32File* file = nullptr;
-    try {
-        file = new TWin32File(handle, false);
-        file->fTemporary = temporary;
-    } catch (const std::bad_alloc&) {
-        delete file;
+    // The temporary's name moves into the file only once it is allocated.
+    TWin32File* file = new (std::nothrow) TWin32File(handle, false, std::move(temporary));
+    if (file == nullptr) {
         CloseHandle(handle);
         DeleteFileA(temporary.c_str());
         *error = FileError::kNoMemory;
         return nullptr;
     }
+    file->Mark(true);  // refused, it is deleted by name when let go
     return std::unique_ptr<TFile>(file);
 }
 
+// The mark is lifted before the rename, which a file marked for deletion
+// would refuse, and put back if the rename fails. A new name whose flush
+// fails is marked to go with the handle, so that the file ends nameless as a
+// failed Publish promises (and cannot be published again).
 FileError TWin32FileSystem::Publish(TFile* file, const std::string& path) {
     auto* win32 = static_cast<TWin32File*>(file);
-    if (win32 == nullptr || win32->fTemporary.empty() || !IsUsablePath(path)) return FileError::kIO;
-    // The rename takes the new name as a full path in the system's own form
-    // (\??\C:\dir\name, or \??\UNC\server\share\name for a share): a
-    // bare name is not read alike everywhere (some take it relative to the
-    // current directory rather than to the file's).
-    char full[MAX_PATH * 4];
-    const DWORD fullLength = GetFullPathNameA(path.c_str(), sizeof full, full, nullptr);
-    if (fullLength == 0 || fullLength >= sizeof full) return FileError::kIO;
-    std::string system(full);
-    if (system.rfind("\\\\?\\", 0) == 0) {
-        system = "\\??\\" + system.substr(4);
-    } else if (system.rfind("\\\\", 0) == 0) {
-        system = "\\??\\UNC\\" + system.substr(2);
-    } else {
-        system = "\\??\\" + system;
-    }
-    const int wide = MultiByteToWideChar(CP_ACP, 0, system.c_str(), -1, nullptr, 0);
-    if (wide <= 0) return FileError::kIO;
-    std::vector<unsigned char> buffer;
+    if (win32 == nullptr || win32->Temporary().empty() || !IsUsablePath(path)) return FileError::kIO;
+    const bool marked = win32->IsMarked();
+    if (marked && !win32->Mark(false)) return FileError::kIO;
+    DWORD renamed = ERROR_INVALID_NAME;
     try {
-        buffer.assign(sizeof(FILE_RENAME_INFO) + static_cast<std::size_t>(wide) * sizeof(WCHAR), 0);
+        const std::vector<WCHAR> name = SystemPathOf(path);
+        if (!name.empty()) renamed = RenameByHandle(win32->Handle(), name);
     } catch (const std::bad_alloc&) {
+        renamed = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    if (renamed != ERROR_SUCCESS) {
+        if (marked) win32->Mark(true);
+        if (renamed == ERROR_ALREADY_EXISTS || renamed == ERROR_FILE_EXISTS) return FileError::kExists;
+        return renamed == ERROR_ACCESS_DENIED ? FileError::kDenied : FileError::kIO;
+    }
+    win32->EndNaming();
+    if (!FlushFileBuffers(win32->Handle())) {
+        win32->Mark(true);
         return FileError::kIO;
     }
-    auto* rename = reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
-    rename->ReplaceIfExists = FALSE;
-    rename->RootDirectory = nullptr;
-    rename->FileNameLength = static_cast<DWORD>((wide - 1) * sizeof(WCHAR));
-    MultiByteToWideChar(CP_ACP, 0, system.c_str(), -1, rename->FileName, wide);
-    if (!SetFileInformationByHandle(win32->Handle(), FileRenameInfo, rename, static_cast<DWORD>(buffer.size()))) {
-        const DWORD lastError = GetLastError();
-        return lastError == ERROR_ALREADY_EXISTS || lastError == ERROR_FILE_EXISTS ? FileError::kExists
-                                                                                   : ErrorFromLastError(lastError);
-    }
-    win32->fTemporary.clear();
-    return FlushFileBuffers(win32->Handle()) ? FileError::kNone : FileError::kIO;
+    return FileError::kNone;
 }
 
 // True for any entry of that name, directories included.

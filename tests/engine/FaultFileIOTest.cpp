@@ -215,6 +215,54 @@ TEST_F(FaultFileSystemTest, EveryOutcomeOfAPowerCutHappens) {
     EXPECT_TRUE(seen == outcomes) << seen.size() << " contents seen of " << outcomes.size();
 }
 
+// A nameless file, synced or not, is lost whole to a crash or a loss of
+// power before Publish: its TFile dies, and nothing has or gets its name.
+// Refused writes and syncs strike it as any other file, and its calls are
+// counted. Published, it is a file like any other: what was synced, before
+// Publish or after, survives a loss of power whole.
+TEST_F(FaultFileSystemTest, ANamelessFileIsLostWholeToACutBeforePublishAndKeptWholeAfter) {
+    const std::string first(2 * kSector, 'a');
+    const std::string second(3 * kSector, 'b');
+    for (const bool powerCut : {false, true}) {
+        SCOPED_TRACE(powerCut ? "power cut" : "crash");
+        std::unique_ptr<TFile> file = fFileSystem.CreateUnnamed("db", nullptr);
+        ASSERT_NE(file, nullptr);
+        ASSERT_TRUE(WriteText(*file, 0, first) && file->Sync() && WriteText(*file, first.size(), second));
+        if (powerCut)
+            fFileSystem.PowerCut(1);
+        else
+            fFileSystem.Crash();
+        EXPECT_FALSE(WriteText(*file, 0, "z") || file->Sync());
+        EXPECT_NE(fFileSystem.Publish(file.get(), "db"), FileError::kNone);
+        EXPECT_TRUE(fFileSystem.FileNames().empty());
+        FileError error = FileError::kNone;
+        EXPECT_EQ(fFileSystem.Open("db", OpenMode::kReadOnly, &error), nullptr);
+        EXPECT_EQ(error, FileError::kNotFound);
+    }
+
+    engine::TCountingFileSystem counting(&fFileSystem);
+    fFileSystem.ResetCounters();
+    std::unique_ptr<TFile> file = counting.CreateUnnamed("db", nullptr);
+    ASSERT_NE(file, nullptr);
+    fFileSystem.FailWriteAfter(1);
+    EXPECT_TRUE(WriteText(*file, 0, first));
+    EXPECT_FALSE(WriteText(*file, 0, second));
+    fFileSystem.SetFailWrites(true);
+    EXPECT_FALSE(WriteText(*file, 0, second));
+    fFileSystem.SetFailWrites(false);
+    fFileSystem.FailSyncAfter(0);
+    EXPECT_FALSE(file->Sync());
+    ASSERT_TRUE(file->Sync());
+    ASSERT_EQ(counting.Publish(file.get(), "db"), FileError::kNone);
+    ASSERT_TRUE(WriteText(*file, first.size(), second) && file->Sync());
+    fFileSystem.PowerCut(2);
+    EXPECT_EQ(BytesOf(fFileSystem, "db"), first + second);
+    EXPECT_EQ(fFileSystem.FileNames(), std::vector<std::string>{"db"});
+    const std::vector<std::uint64_t> counted = {2, first.size() + second.size(), 2, 0, 0};
+    EXPECT_EQ(Values(counting.Counters()), counted);
+    EXPECT_EQ(Values(fFileSystem.Counters()), counted);
+}
+
 // A file may outlive its file system; a counting file system over nothing
 // fails every call.
 TEST_F(FaultFileSystemTest, FilesMayOutliveTheirFileSystemAndACountingOneOverNothingFails) {
@@ -229,6 +277,10 @@ TEST_F(FaultFileSystemTest, FilesMayOutliveTheirFileSystemAndACountingOneOverNot
     FileError error = FileError::kNone;
     EXPECT_EQ(nothing.Open("a", OpenMode::kCreateNew, &error), nullptr);
     EXPECT_EQ(error, FileError::kIO);
+    error = FileError::kNone;
+    EXPECT_EQ(nothing.CreateUnnamed("a", &error), nullptr);
+    EXPECT_EQ(error, FileError::kIO);
+    EXPECT_EQ(nothing.Publish(file.get(), "b"), FileError::kIO);
     EXPECT_FALSE(nothing.Exists("a") || nothing.Remove("a") || nothing.Rename("a", "b"));
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <ostream>
 #include <random>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -19,6 +20,9 @@
 
 #ifdef _WIN32
 #include <windows.h>
+#else
+#include <fcntl.h>
+#include <unistd.h>
 #endif
 
 namespace {
@@ -41,11 +45,46 @@ bool WriteText(TFile& file, std::uint64_t offset, const std::string& text) {
     return file.WriteAt(offset, text.data(), text.size());
 }
 
-// ---------------------------------------------------------------------------
-// Rules every file system keeps
+using Names = std::vector<std::string>;
 
-enum class Kind { kPlatform, kFault, kCounting };
-const char* const kKindNames[] = {"Platform", "Fault", "Counting"};
+#if !defined(_WIN32)
+// Whether the kernel and the file system of `directory` offer nameless files
+// that /proc/self/fd can give a name to: where they do, the platform's
+// CreateUnnamed puts nothing at all in the directory.
+bool OffersNamelessFiles(const std::string& directory) {
+#if defined(O_TMPFILE)
+    const int fd = ::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    const bool reached = ::access(("/proc/self/fd/" + std::to_string(fd)).c_str(), F_OK) == 0;
+    ::close(fd);
+    return reached;
+#else
+    (void)directory;
+    return false;
+#endif
+}
+#endif
+
+// An entry's name as a listing shows it: a temporary of CreateUnnamed's for
+// the name x (".x.<16 hex digits>.kdb-new" on POSIX, "x.<16 hex
+// digits>.kdb-new" on Windows) as "(x)".
+std::string Shown(const std::string& entry) {
+#ifdef _WIN32
+    static const std::regex temporary("(.+)\\.[0-9a-f]{16}\\.kdb-new");
+#else
+    static const std::regex temporary("\\.(.+)\\.[0-9a-f]{16}\\.kdb-new");
+#endif
+    std::smatch match;
+    return std::regex_match(entry, match, temporary) ? "(" + match[1].str() + ")" : entry;
+}
+
+// ---------------------------------------------------------------------------
+// Rules every file system keeps: the platform's (and on POSIX, the ways it
+// takes where the system has no nameless files, or no hard links either),
+// the fault-injecting one and the counting one over it.
+
+enum class Kind { kPlatform, kFault, kCounting, kLinkedTemporary, kRenamedTemporary };
+const char* const kKindNames[] = {"Platform", "Fault", "Counting", "LinkedTemporary", "RenamedTemporary"};
 
 void PrintTo(Kind kind, std::ostream* out) {
     *out << kKindNames[static_cast<int>(kind)];
@@ -54,14 +93,35 @@ void PrintTo(Kind kind, std::ostream* out) {
 class FileSystemTest : public kavotest::KavoTest, public ::testing::WithParamInterface<Kind> {
 protected:
     TFileSystem& FileSystem() {
-        if (GetParam() == Kind::kFault) return fFault;
-        if (GetParam() == Kind::kCounting) return fCounting;
-        return *engine::PlatformFileSystem();
+        switch (GetParam()) {
+            case Kind::kFault:
+                return fFault;
+            case Kind::kCounting:
+                return fCounting;
+#if !defined(_WIN32)
+            case Kind::kLinkedTemporary:
+                return *engine::PosixFileSystemWithoutNamelessFiles(true);
+            case Kind::kRenamedTemporary:
+                return *engine::PosixFileSystemWithoutNamelessFiles(false);
+#endif
+            default:
+                return *engine::PlatformFileSystem();
+        }
     }
-    std::string PathOf(const std::string& name) const { return fDirectory.File(name); }
+    bool InMemory() const {
+        return GetParam() == Kind::kFault || GetParam() == Kind::kCounting;
+    }
+    std::string PathOf(const std::string& name) const {
+        return fDirectory.File(name);
+    }
 
     std::unique_ptr<TFile> Open(const std::string& name, OpenMode mode, FileError* error = nullptr) {
         return FileSystem().Open(PathOf(name), mode, error);
+    }
+    // A file's content, read through a new open.
+    std::string ContentOf(const std::string& name) {
+        std::unique_ptr<TFile> file = Open(name, OpenMode::kReadOnly);
+        return file == nullptr ? "<no file>" : ReadAll(*file);
     }
 
     void MakeFile(const std::string& name, const std::string& content) {
@@ -69,6 +129,31 @@ protected:
         ASSERT_NE(file, nullptr);
         ASSERT_TRUE(WriteText(*file, 0, content));
         ASSERT_TRUE(file->Sync());
+    }
+
+    // What the directory holds, in byte order, as a listing shows it.
+    Names Entries() const {
+        Names names;
+        if (InMemory()) {
+            for (const std::string& path : fFault.FileNames())
+                names.push_back(std::filesystem::path(path).filename().string());
+            return names;
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(fDirectory.Path())) {
+            names.push_back(Shown(entry.path().filename().string()));
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    // Whether a file made by CreateUnnamed shows in its directory, under a
+    // temporary name, until it is published or let go.
+    bool ShowsATemporary() const {
+        if (InMemory()) return false;
+#ifdef _WIN32
+        return true;
+#else
+        return GetParam() != Kind::kPlatform || !OffersNamelessFiles(fDirectory.Path().string());
+#endif
     }
 
     kavotest::TTempDirectory fDirectory{"fileio"};
@@ -111,42 +196,47 @@ TEST_P(FileSystemTest, FailedOpensSayWhyAndOnlyFilesThereAreRenamedOrRemoved) {
 }
 
 // A nameless file is reached by no name until Publish gives it one, in one
-// step, with what was written, still locked; a name that exists is never
-// replaced; a nameless file let go, or cut off by a crash, leaves nothing.
+// step, with what was written; it stays open and locked, and is not
+// published again. A name that exists is never replaced, and both files stay
+// as they were. A nameless file let go leaves nothing. Until then the
+// directory holds nothing of it where the system has nameless files, and
+// otherwise a temporary named for it, which publishing or letting go takes
+// away (what a killed process would leave).
 TEST_P(FileSystemTest, ANamelessFileGetsItsNameInOneStepAndNeverReplacesOne) {
     MakeFile("taken", "taken");
+    const Names whileNameless = ShowsATemporary() ? Names{"(new)", "taken"} : Names{"taken"};
     std::unique_ptr<TFile> fresh = FileSystem().CreateUnnamed(PathOf("new"), nullptr);
     ASSERT_NE(fresh, nullptr);
     ASSERT_TRUE(WriteText(*fresh, 0, "made"));
     ASSERT_TRUE(fresh->Sync());
-    EXPECT_FALSE(FileSystem().Exists(PathOf("new")));
-    EXPECT_EQ(FileSystem().Publish(fresh.get(), PathOf("taken")), FileError::kExists);
-    EXPECT_EQ(ReadAll(*Open("taken", OpenMode::kReadOnly)), "taken");
-    ASSERT_EQ(FileSystem().Publish(fresh.get(), PathOf("new")), FileError::kNone);
     FileError error = FileError::kNone;
     EXPECT_EQ(Open("new", OpenMode::kReadOnly, &error), nullptr);
-    EXPECT_EQ(error, FileError::kLocked);
-    fresh.reset();
-    EXPECT_EQ(ReadAll(*Open("new", OpenMode::kReadOnly)), "made");
+    EXPECT_EQ(error, FileError::kNotFound);
+    EXPECT_FALSE(FileSystem().Exists(PathOf("new")));
+    EXPECT_EQ(Entries(), whileNameless);
 
-    std::unique_ptr<TFile> dropped = FileSystem().CreateUnnamed(PathOf("dropped"), nullptr);
-    ASSERT_NE(dropped, nullptr);
-    EXPECT_TRUE(WriteText(*dropped, 0, "never named"));
-    dropped.reset();
-    if (GetParam() != Kind::kPlatform) {
-        std::unique_ptr<TFile> cut = FileSystem().CreateUnnamed(PathOf("cut"), nullptr);
-        ASSERT_NE(cut, nullptr);
-        EXPECT_TRUE(WriteText(*cut, 0, "cut off") && cut->Sync());
-        fFault.Crash();
-        EXPECT_NE(FileSystem().Publish(cut.get(), PathOf("cut")), FileError::kNone);
-        EXPECT_EQ(fFault.FileNames(), (std::vector<std::string>{PathOf("new"), PathOf("taken")}));
-        return;
+    EXPECT_EQ(FileSystem().Publish(fresh.get(), PathOf("taken")), FileError::kExists);
+    EXPECT_EQ(ContentOf("taken"), "taken");
+    EXPECT_EQ(ReadAll(*fresh), "made");
+    EXPECT_EQ(Entries(), whileNameless);
+
+    ASSERT_EQ(FileSystem().Publish(fresh.get(), PathOf("new")), FileError::kNone);
+    EXPECT_EQ(Entries(), (Names{"new", "taken"}));
+    for (const OpenMode mode : {OpenMode::kReadOnly, OpenMode::kReadWrite}) {
+        EXPECT_EQ(Open("new", mode, &error), nullptr);
+        EXPECT_EQ(error, FileError::kLocked);
     }
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(fDirectory.Path()))
-        names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"new", "taken"}));
+    EXPECT_NE(FileSystem().Publish(fresh.get(), PathOf("again")), FileError::kNone);
+    EXPECT_TRUE(WriteText(*fresh, 4, "!") && fresh->Sync());
+    fresh.reset();
+    EXPECT_EQ(ContentOf("new"), "made!");
+
+    std::unique_ptr<TFile> dropped = FileSystem().CreateUnnamed(PathOf("dropped"), &error);
+    ASSERT_NE(dropped, nullptr);
+    EXPECT_TRUE(WriteText(*dropped, 0, "never named") && dropped->Sync());
+    EXPECT_EQ(Entries(), (ShowsATemporary() ? Names{"(dropped)", "new", "taken"} : Names{"new", "taken"}));
+    dropped.reset();
+    EXPECT_EQ(Entries(), (Names{"new", "taken"}));
 }
 
 // Random writes (some empty, of no bytes at all), reads and truncations
@@ -210,8 +300,20 @@ std::string KindName(const ::testing::TestParamInfo<Kind>& info) {
     return kKindNames[static_cast<int>(info.param)];
 }
 
+#if defined(__linux__)
+INSTANTIATE_TEST_SUITE_P(, FileSystemTest,
+                         ::testing::Values(Kind::kPlatform, Kind::kFault, Kind::kCounting,
+                                           Kind::kLinkedTemporary, Kind::kRenamedTemporary),
+                         KindName);
+#elif !defined(_WIN32)  // renameat2 is Linux's alone
+INSTANTIATE_TEST_SUITE_P(, FileSystemTest,
+                         ::testing::Values(Kind::kPlatform, Kind::kFault, Kind::kCounting,
+                                           Kind::kLinkedTemporary),
+                         KindName);
+#else
 INSTANTIATE_TEST_SUITE_P(, FileSystemTest, ::testing::Values(Kind::kPlatform, Kind::kFault, Kind::kCounting),
                          KindName);
+#endif
 
 // ---------------------------------------------------------------------------
 // The platform's file system only
@@ -259,7 +361,8 @@ TEST_P(PlatformFileSystemTest, OffsetsBeyondFourGiBAreKeptWhole) {
 }
 
 // A directory exists but opens as no file, in any mode, and cannot be
-// removed as one; a file in a missing directory is not found.
+// removed as one; a file in a missing directory is not found, nor made
+// nameless there.
 TEST_P(PlatformFileSystemTest, ADirectoryIsNotAFileAndAMissingOneMeansNotFound) {
     const std::string path = PathOf("folder");
     std::filesystem::create_directory(path);
@@ -275,6 +378,9 @@ TEST_P(PlatformFileSystemTest, ADirectoryIsNotAFileAndAMissingOneMeansNotFound) 
     EXPECT_FALSE(FileSystem().Remove(path));
     FileError error = FileError::kNone;
     EXPECT_EQ(Open("none/a", OpenMode::kCreateNew, &error), nullptr);
+    EXPECT_EQ(error, FileError::kNotFound);
+    error = FileError::kNone;
+    EXPECT_EQ(FileSystem().CreateUnnamed(PathOf("none/a"), &error), nullptr);
     EXPECT_EQ(error, FileError::kNotFound);
 }
 
