@@ -81,6 +81,23 @@ std::string JsonRecord(const TRecordInfo& record) {
            ", \"name\": " + QuoteJson(record.fName) + ", \"size\": " + std::to_string(record.fSize) + "}";
 }
 
+// What verify says of the log: how many operations a program had logged since
+// the file's last checkpoint when it ended with the file open (the check
+// redoes them), or where their redo stopped at a damaged or cut-short frame.
+std::string DescribeLog(const TIntegrityReport& report) {
+    if (!report.fLogNote.empty()) return report.fLogNote;
+    if (report.fLogFrames == 0) return "nothing since the last checkpoint";
+    return std::to_string(report.fLogFrames) + (report.fLogFrames == 1 ? " operation" : " operations") +
+           " since the last checkpoint, redone";
+}
+
+// Why a compaction of a file that opened stopped, other than damage.
+std::string CompactFailure(std::int16_t result) {
+    if (result == kWriteFailed) return "the file could not be written";
+    if (result == kEngineOutOfMemory) return "out of memory";
+    return "the engine answered " + std::to_string(result);
+}
+
 // The progress line of verify, rewritten in place.
 class TProgressLine {
 public:
@@ -276,9 +293,7 @@ int RunVerify(const TArguments& arguments) {
     std::printf("  free pages   %" PRIu32 "\n", report.fFreePages);
     std::printf("  records      %" PRIu32 "\n", report.fRecords);
     std::printf("  keys         %" PRIu32 "\n", report.fKeys);
-    if (report.fLogFrames != 0)
-        std::printf("  log          %" PRIu32 " operations since the last checkpoint, redone\n", report.fLogFrames);
-    if (!report.fLogNote.empty()) std::printf("log: %s\n", EscapeForTerminal(report.fLogNote).c_str());
+    std::printf("  log          %s\n", EscapeForTerminal(DescribeLog(report)).c_str());
     if (report.fProblems.empty()) {
         std::printf("no problems: %s is sound\n", EscapeForTerminal(path).c_str());
         return kExitOK;
@@ -361,11 +376,12 @@ int RunCompact(const TArguments& arguments) {
         return kExitDamaged;
     }
     if (result != kEngineNoError) {
-        Complain("cannot compact " + path + ": the engine answered " + std::to_string(result) +
-                 (result == kWriteFailed ? " (the file could not be written; what was done stands)" : ""));
+        Complain("cannot compact " + path + ": " + CompactFailure(result) +
+                 " (the file is sound, compacted as far as the rounds finished before reached)");
         return kExitFailed;
     }
-    const std::uint64_t given = report.fBytesBefore > report.fBytesAfter ? report.fBytesBefore - report.fBytesAfter : 0;
+    const std::uint64_t given =
+        report.fBytesBefore > report.fBytesAfter ? report.fBytesBefore - report.fBytesAfter : 0;
     if (arguments.Has("--json")) {
         std::printf("{\"file\": %s, \"bytes_before\": %" PRIu64 ", \"bytes_after\": %" PRIu64 "}\n",
                     QuoteJson(path).c_str(), report.fBytesBefore, report.fBytesAfter);

@@ -64,7 +64,10 @@ int ProbeFile(const std::string& path, bool forWriting);
 // The file's size in bytes, or 0 when it cannot be had.
 std::uint64_t FileSizeOf(const std::string& path);
 
-// What to say of a file that exists but cannot be opened as a database.
+// What to say of a file that exists but cannot be opened as a database: the
+// engine's reason when it gave one (another format version, damage it can
+// name, another program holding the file), so it is asked right after the
+// refused open, before the engine opens anything else.
 std::string WhyNotADatabase(const std::string& path);
 
 class CDatabaseFile {
