@@ -73,7 +73,7 @@ constexpr std::size_t kKeptRunBuffer = 256 * kPageSize;
 // durable names a written-back page before the next checkpoint); without it,
 // a close flushes up to a whole checkpoint's pages. The size of a write-back
 // bounds the work left to the close.
-constexpr std::uint64_t kCheckpointLogBytes = 4ull << 20;
+constexpr std::uint64_t kCheckpointLogBytes = 6ull << 20;
 constexpr std::size_t kCheckpointPages = 8192;
 constexpr std::size_t kWriteBackPages = 768;
 // Removing records frees pages only at the next checkpoint. When the free
