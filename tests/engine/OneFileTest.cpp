@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -16,6 +18,7 @@
 
 #include "engine/Pager.h"
 #include "tests/engine/CampaignSupport.h"
+#include "tests/engine/Reseal.h"
 
 namespace {
 
@@ -203,6 +206,34 @@ TEST_F(OneFileTest, AReadOnlyOpenRedoesALongLogInLinearTime) {
     EXPECT_LT(stats->fCacheSweeps, 64 * stats->fPagesAllocated);
     EXPECT_EQ(CountIndexEntries(db.NumberIndex()), 34000u);
     EXPECT_EQ(db.Close(), kEngineNoError);
+}
+
+// A frame damaged in the middle of a dead writer's log stops the redo there:
+// the file opens with the operations before it, the check names the frame
+// and the loss of the whole frames after it, and so does the status log.
+TEST_F(OneFileTest, ARedoStoppedByADamagedFrameIsReported) {
+    TTestDatabase db("stopped.kdb");
+    ASSERT_EQ(db.Create(), kEngineNoError);
+    ASSERT_EQ(db.Close(), kEngineNoError);
+    ASSERT_EQ(db.Open(), kEngineNoError);
+    for (std::int32_t id = 1; id <= 8; ++id) ASSERT_EQ(Add(db, id, 100), kEngineNoError);
+    Die();
+    std::string image = Bytes("stopped.kdb");
+    const kavotest::TLogLayout log = kavotest::FindLog(image, true);
+    ASSERT_EQ(log.fFrames.size(), 8u);
+    image[log.fFrames[3].first + 30] ^= 0x10;  // in frame 3's payload
+    Files().WriteWholeFile("stopped.kdb", image);
+
+    TIntegrityReport report;
+    ASSERT_EQ(CheckHostFile("stopped.kdb", &report), kEngineNoError);
+    EXPECT_TRUE(report.fProblems.empty());
+    EXPECT_EQ(report.fLogFrames, 3u);
+    EXPECT_NE(report.fLogNote.find("frame 3 is damaged"), std::string::npos) << report.fLogNote;
+    EXPECT_NE(report.fLogNote.find("whole frames after it were lost"), std::string::npos) << report.fLogNote;
+    EXPECT_EQ(RecordsIn("stopped.kdb", false), 3u);
+    std::ifstream status("DBSTATUS.LOG");
+    const std::string logged((std::istreambuf_iterator<char>(status)), std::istreambuf_iterator<char>());
+    EXPECT_NE(logged.find("stopped.kdb: the log's frame 3 is damaged"), std::string::npos) << logged;
 }
 
 // A full disk refuses every change and nothing else: reads and counts go on
