@@ -231,6 +231,201 @@ KAVO_API int16_t KAVO_CALL RMAboutSize(int16_t refNum, uint32_t* size);
 KAVO_API int16_t KAVO_CALL RMGetAboutFile(int16_t refNum, char* buffer);
 KAVO_API int16_t KAVO_CALL RMChangeAboutFile(int16_t refNum, const char* text);
 
+/* ---------------------------------------------------------------------------
+ * Media: movies, pictures, clips captured from tape and plain media items.
+ *
+ * A medium crosses this interface as an opaque TMedium pointer, which
+ * MediumCreateNew or a MediumLoad function gives the caller; the caller owns
+ * it and frees it with MediumDestroy. A pointer that names no live medium
+ * (null, wild or destroyed) is refused with an assertion report and a
+ * failure result: -1 for codes, null for pointers, 0 for truth values.
+ * A medium is stored as its "MDUM"
+ * record and up to four side records ("path", ".bmp", "alis", "fdat") under
+ * its record name and ID. The records below are stored and copied, never
+ * interpreted (but for the one-frame duration 0, 0, 0, 1).
+ * ------------------------------------------------------------------------- */
+typedef struct TimeCodeRecord {
+    uint8_t hours;
+    uint8_t minutes;
+    uint8_t seconds;
+    uint8_t frames;
+} TimeCodeRecord;
+
+typedef struct DateTimeRecord {
+    uint16_t year;
+    uint8_t month;
+    uint8_t day;
+    uint8_t hour;
+    uint8_t minute;
+    uint8_t second;
+} DateTimeRecord;
+
+typedef struct Rect {
+    int16_t top;
+    int16_t left;
+    int16_t bottom;
+    int16_t right;
+} Rect;
+
+/* Four characters: "?MED" plain medium, "mMED" movie, "pMED" picture, "aMED"
+   clip captured from tape. */
+typedef struct MediumKind {
+    char code[4];
+} MediumKind;
+
+/* Four characters naming the connector a clip was captured through; the
+   library itself sets only "DVC ". */
+typedef struct PlugKind {
+    char code[4];
+} PlugKind;
+
+#ifdef __cplusplus
+class TMedium;
+struct LocatorRecord;
+#else
+typedef struct TMedium TMedium;
+/* The unpacked tape information; its fields are C++ strings
+   (kavoDVDBClasses.h). C callers use the Tape functions instead. */
+typedef struct LocatorRecord LocatorRecord;
+#endif
+
+/* Creation, loading and destruction. kind "pMED" makes a picture, "mMED" a
+   movie, "DVC " a clip captured from tape (plug kind "DVC "), anything else a
+   plain medium; the first argument is not used. Nothing is written until
+   MediumSaveToDB. The loads answer null on any error. */
+KAVO_API TMedium* KAVO_CALL MediumCreateNew(uint32_t unused, const char* kind, const char* name, int32_t rezID);
+KAVO_API TMedium* KAVO_CALL MediumLoadByID(int16_t refNum, int32_t rezID);
+KAVO_API TMedium* KAVO_CALL MediumLoadByName(int16_t refNum, const char* name);
+KAVO_API TMedium* KAVO_CALL MediumLoadNthOne(int16_t refNum, uint32_t n);
+KAVO_API int16_t KAVO_CALL MediumDestroy(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumFreeMemory(TMedium* theMedium, int32_t unused1, int32_t unused2,
+                                            uint32_t* amountToFree);
+
+/* Saving and removing. MediumDeleteFromDB takes its arguments the other way
+   round and removes the "MDUM" record only. */
+KAVO_API int16_t KAVO_CALL MediumSaveToDB(TMedium* theMedium, int16_t refNum);
+KAVO_API int16_t KAVO_CALL MediumRemoveFromDB(TMedium* theMedium, int16_t refNum);
+KAVO_API int16_t KAVO_CALL MediumDeleteFromDB(int16_t refNum, TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumCopyAllToNewDB(TMedium* theMedium, int16_t fromRefNum, int16_t toRefNum,
+                                                int32_t* newRezID);
+
+/* Text. The getters copy the characters only, with no terminator: clear the
+   buffer first (32 bytes for the title, MediumDescriptionSize + 1 for the
+   description, 256 for the path). */
+KAVO_API char* KAVO_CALL MediumGetRezName(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumChangeRezName(TMedium* theMedium, const char* name);
+KAVO_API int16_t KAVO_CALL MediumGetTitle(TMedium* theMedium, char* buffer);
+KAVO_API int16_t KAVO_CALL MediumChangeTitle(TMedium* theMedium, const char* title);
+KAVO_API int16_t KAVO_CALL MediumGetDescription(TMedium* theMedium, char* buffer);
+KAVO_API int32_t KAVO_CALL MediumDescriptionSize(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumChangeDescription(TMedium* theMedium, const char* description);
+KAVO_API int16_t KAVO_CALL MediumGetPathName(TMedium* theMedium, char* buffer);
+KAVO_API int16_t KAVO_CALL MediumChangePathName(TMedium* theMedium, const char* newPath);
+KAVO_API int16_t KAVO_CALL MediumLoadPathName(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumHasPathNameLoaded(TMedium* theMedium);
+
+/* Fields. */
+KAVO_API int32_t KAVO_CALL MediumEditable(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumIsDirty(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumReadyForPreview(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumReadyForPrimeTime(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumGetRezID(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumChangeRezID(TMedium* theMedium, int32_t rezID);
+KAVO_API int16_t KAVO_CALL MediumGetFlags(TMedium* theMedium, uint32_t* flags);
+KAVO_API int16_t KAVO_CALL MediumChangeFlags(TMedium* theMedium, uint32_t flags);
+KAVO_API int16_t KAVO_CALL MediumGetDirtyFlags(TMedium* theMedium, uint32_t* flags);
+KAVO_API int16_t KAVO_CALL MediumChangeDirtyFlags(TMedium* theMedium, uint32_t flags);
+KAVO_API int16_t KAVO_CALL MediumGetScratch(TMedium* theMedium, uint32_t* scratch);
+KAVO_API int16_t KAVO_CALL MediumChangeScratch(TMedium* theMedium, uint32_t scratch);
+KAVO_API int16_t KAVO_CALL MediumGetCreateDate(TMedium* theMedium, DateTimeRecord* date);
+KAVO_API int16_t KAVO_CALL MediumGetModifiedDate(TMedium* theMedium, DateTimeRecord* date);
+KAVO_API int16_t KAVO_CALL MediumGetPosterRect(TMedium* theMedium, Rect* rect);
+KAVO_API int16_t KAVO_CALL MediumGetMediumRect(TMedium* theMedium, Rect* rect);
+KAVO_API int16_t KAVO_CALL MediumGetTrimStart(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumChangeTrimStart(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumGetTrimEnd(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumChangeTrimEnd(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumGetTrimDuration(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumChangeTrimDuration(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumReconcileTrimDuration(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumGetDuration(TMedium* theMedium, TimeCodeRecord* timeCode);
+KAVO_API int16_t KAVO_CALL MediumGetFrameRate(TMedium* theMedium, float* rate);
+KAVO_API int16_t KAVO_CALL MediumGetSample(TMedium* theMedium, TimeCodeRecord* timeCode, void** sample);
+KAVO_API int16_t KAVO_CALL MediumGetNextSample(TMedium* theMedium, TimeCodeRecord* timeCode, void** sample);
+KAVO_API int16_t KAVO_CALL MediumGetKind(TMedium* theMedium, MediumKind* kind);
+KAVO_API int32_t KAVO_CALL MediumIsProxy(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumMakeProxy(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumRemoveProxy(TMedium* theMedium);
+
+/* The tape locator of a clip captured from tape: the database's tape header
+   (or the clip's own "DVC " record). The text getters copy the text and its
+   NUL: size the buffer with the matching size function. */
+KAVO_API int16_t KAVO_CALL MediumLoadLocator(TMedium* theMedium);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetTapeName(TMedium* theMedium, char* buffer);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetDescription(TMedium* theMedium, char* buffer);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetShooter(TMedium* theMedium, char* buffer);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetEnteredBy(TMedium* theMedium, char* buffer);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetTapeID(TMedium* theMedium, uint32_t* tapeID);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetCreateDate(TMedium* theMedium, uint32_t* createDate);
+KAVO_API int16_t KAVO_CALL MediumLocatorGetPlugType(TMedium* theMedium, PlugKind* plugType);
+KAVO_API int32_t KAVO_CALL MediumLocatorTapeNameSize(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumLocatorDescriptionSize(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumLocatorShooterSize(TMedium* theMedium);
+KAVO_API int32_t KAVO_CALL MediumLocatorEnteredBySize(TMedium* theMedium);
+
+/* For Basic callers: time codes, dates and rectangles as separate values.
+   The setters keep the low 8 bits of each value. */
+KAVO_API int16_t KAVO_CALL VBMediumChangeTrimStart(TMedium* theMedium, uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+KAVO_API int16_t KAVO_CALL VBMediumChangeTrimEnd(TMedium* theMedium, uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+KAVO_API int16_t KAVO_CALL VBMediumChangeTrimDuration(TMedium* theMedium, uint8_t a, uint8_t b, uint8_t c,
+                                                      uint8_t d);
+KAVO_API int16_t KAVO_CALL VBMediumChangeClipStart(TMedium* theMedium, uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+KAVO_API int16_t KAVO_CALL VBMediumChangeClipEnd(TMedium* theMedium, uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+KAVO_API int16_t KAVO_CALL VBMediumChangeClipDuration(TMedium* theMedium, uint8_t a, uint8_t b, uint8_t c,
+                                                      uint8_t d);
+KAVO_API int16_t KAVO_CALL VBMediumGetTrimStart(TMedium* theMedium, uint16_t* a, uint16_t* b, uint16_t* c,
+                                                uint16_t* d);
+KAVO_API int16_t KAVO_CALL VBMediumGetTrimEnd(TMedium* theMedium, uint16_t* a, uint16_t* b, uint16_t* c,
+                                              uint16_t* d);
+KAVO_API int16_t KAVO_CALL VBMediumGetTrimDuration(TMedium* theMedium, uint16_t* a, uint16_t* b, uint16_t* c,
+                                                   uint16_t* d);
+KAVO_API int16_t KAVO_CALL VBMediumGetClipStart(TMedium* theMedium, uint16_t* a, uint16_t* b, uint16_t* c,
+                                                uint16_t* d);
+KAVO_API int16_t KAVO_CALL VBMediumGetClipEnd(TMedium* theMedium, uint16_t* a, uint16_t* b, uint16_t* c,
+                                              uint16_t* d);
+KAVO_API int16_t KAVO_CALL VBMediumGetClipDuration(TMedium* theMedium, uint16_t* a, uint16_t* b, uint16_t* c,
+                                                   uint16_t* d);
+KAVO_API int16_t KAVO_CALL VBMediumChangeCreateDate(TMedium* theMedium, uint16_t year, uint8_t month, uint8_t day,
+                                                    uint8_t hour, uint8_t minute, uint8_t second);
+KAVO_API int16_t KAVO_CALL VBMediumGetCreateDate(TMedium* theMedium, uint16_t* year, uint8_t* month, uint8_t* day,
+                                                 uint8_t* hour, uint8_t* minute, uint8_t* second);
+KAVO_API int16_t KAVO_CALL VBMediumGetPosterRect(TMedium* theMedium, int16_t* top, int16_t* left, int16_t* bottom,
+                                                 int16_t* right);
+KAVO_API int16_t KAVO_CALL VBMediumGetSample(TMedium* theMedium, uint8_t* a, uint8_t* b, uint8_t* c, uint8_t* d,
+                                             void** sample);
+
+/* The database's tape header: a "DVC " record named "DVC Header Info", ID 1.
+   The readers read the current database's; the writers write refNum's.
+   TapeSaveInfo adds a header to a database that has none. */
+KAVO_API int16_t KAVO_CALL TapeSaveInfo(int16_t refNum, const char* tapeName, uint32_t tapeID, uint32_t createDate,
+                                        const char* description, const char* enteredBy, const char* shooter,
+                                        const PlugKind* plugType);
+KAVO_API int16_t KAVO_CALL sUnpackTapeInfo(LocatorRecord* record);
+KAVO_API int16_t KAVO_CALL TapeGetName(char* buffer);
+KAVO_API int16_t KAVO_CALL TapeGetDescription(char* buffer);
+KAVO_API int16_t KAVO_CALL TapeGetEnteredBy(char* buffer);
+KAVO_API int16_t KAVO_CALL TapeGetShooter(char* buffer);
+KAVO_API int32_t KAVO_CALL TapeNameSize(int32_t unused);
+KAVO_API int32_t KAVO_CALL TapeDescriptionSize(int32_t unused);
+KAVO_API int32_t KAVO_CALL TapeEnteredBySize(int32_t unused);
+KAVO_API int32_t KAVO_CALL TapeShooterSize(int32_t unused);
+KAVO_API int16_t KAVO_CALL TapeGetTapeID(uint32_t* tapeID);
+KAVO_API int16_t KAVO_CALL TapeGetPlugType(PlugKind* plugType);
+KAVO_API int16_t KAVO_CALL TapeChangeName(int16_t refNum, const char* newText);
+KAVO_API int16_t KAVO_CALL TapeChangeDescription(int16_t refNum, const char* newText);
+KAVO_API int16_t KAVO_CALL TapeChangeEnteredBy(int16_t refNum, const char* newText);
+KAVO_API int16_t KAVO_CALL TapeChangeShooter(int16_t refNum, const char* newText);
+
 #ifdef __cplusplus
 }
 #endif

@@ -6,6 +6,11 @@
 #ifndef KAVODVDB_CLASSES_H
 #define KAVODVDB_CLASSES_H
 
+#include "LarkDB/CString.h"
+#include "LarkDB/TAnalogMedium.h"
+#include "LarkDB/TMooVMedium.h"
+#include "LarkDB/TPictureMedium.h"
+#include "LarkDB/Tmedium.h"
 #include "Rm/Common/Source/Crezmgr.h"
 #include "kavoDVDB.h"
 

@@ -19,12 +19,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "Common/RecordNames.h"
 #include "Rm/Common/Source/Slotindex.h"
 #include "kavoDVDB.h"
 
 constexpr std::int32_t kTrue = 1;
-// A record name: at most 31 characters and a NUL in a 32-byte field.
-constexpr std::size_t kNameLength = 32;
 // A record type: four bytes, compared as bytes.
 constexpr std::size_t kTypeLength = 4;
 // The slot table starts with this many slots and grows by as many.
