@@ -111,10 +111,13 @@ TMedium* KAVO_CALL MediumCreateNew(uint32_t unused, const char* kind, const char
 
 namespace {
 
-// The medium in a record just read, which is then released: the record
-// manager, not the medium, held the handle.
-TMedium* MediumFromRecord(int16_t readError, MSHandle data) {
-    if (readError != kNoError) return nullptr;
+// The medium in the record that read reads, which is then released: the
+// record manager, not the medium, held the handle.
+template <typename Read>
+TMedium* MediumFromRecord(Read read) {
+    if (!ManagerExists()) return nullptr;
+    MSHandle data = nullptr;
+    if (read(&data) != kNoError) return nullptr;
     TMedium* medium = MediumFromPackedData(data);
     const int16_t error = gRezManager->ReleaseRecord(data);
     KAVO_ASSERT(error == kNoError);
@@ -124,21 +127,18 @@ TMedium* MediumFromRecord(int16_t readError, MSHandle data) {
 }  // namespace
 
 TMedium* KAVO_CALL MediumLoadByID(int16_t refNum, int32_t rezID) {
-    if (!ManagerExists()) return nullptr;
-    MSHandle data = nullptr;
-    return MediumFromRecord(gRezManager->ReadRecordByNumber(refNum, rezID, kMediumRecordType, &data), data);
+    return MediumFromRecord(
+        [&](MSHandle* data) { return gRezManager->ReadRecordByNumber(refNum, rezID, kMediumRecordType, data); });
 }
 
 TMedium* KAVO_CALL MediumLoadByName(int16_t refNum, const char* name) {
-    if (!ManagerExists()) return nullptr;
-    MSHandle data = nullptr;
-    return MediumFromRecord(gRezManager->ReadRecordByName(refNum, name, kMediumRecordType, &data), data);
+    return MediumFromRecord(
+        [&](MSHandle* data) { return gRezManager->ReadRecordByName(refNum, name, kMediumRecordType, data); });
 }
 
 TMedium* KAVO_CALL MediumLoadNthOne(int16_t refNum, uint32_t n) {
-    if (!ManagerExists()) return nullptr;
-    MSHandle data = nullptr;
-    return MediumFromRecord(gRezManager->ReadNthRecordOfType(refNum, n, kMediumRecordType, &data), data);
+    return MediumFromRecord(
+        [&](MSHandle* data) { return gRezManager->ReadNthRecordOfType(refNum, n, kMediumRecordType, data); });
 }
 
 int16_t KAVO_CALL MediumDestroy(TMedium* theMedium) {
