@@ -13,6 +13,10 @@
 
 namespace {
 
+// The two tables below catch with catch (...): a catch by type inside the
+// members of an exported class would export the type's information from
+// the Windows DLL.
+
 // Owners beyond the first of each side-data block that copies share. A
 // block absent from the table has one owner.
 std::unordered_map<MSHandle, uint32_t>* gSharedBlocks = nullptr;
@@ -25,7 +29,7 @@ bool ShareBlock(MSHandle block) {
         if (gSharedBlocks == nullptr) gSharedBlocks = new std::unordered_map<MSHandle, uint32_t>;
         ++(*gSharedBlocks)[block];
         return true;
-    } catch (const std::bad_alloc&) {
+    } catch (...) {  // std::bad_alloc, the only exception the table throws
         return false;
     }
 }
@@ -47,7 +51,7 @@ void RegisterMedium(const TMedium* medium) {
     try {
         if (gLiveMedia == nullptr) gLiveMedia = new std::unordered_set<const TMedium*>;
         gLiveMedia->insert(medium);
-    } catch (const std::bad_alloc&) {
+    } catch (...) {  // std::bad_alloc, the only exception the table throws
         // Not registered: the flat interface will refuse this medium.
     }
 }
