@@ -2,63 +2,28 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <new>
-#include <unordered_map>
-#include <unordered_set>
 
 #include "Common/Kavoassert.h"
 #include "LarkDB/MediumImage.h"
+#include "LarkDB/SharedOwners.h"
 #include "Pack/Pack.h"
 #include "Rm/Common/Source/Rmmgr.h"
 
 namespace {
 
-// The two tables below catch with catch (...): a catch by type inside the
-// members of an exported class would export the type's information from
-// the Windows DLL.
+// Every medium between its construction and its destruction.
+kavo::TLiveRegister gLiveMedia;
 
-// Owners beyond the first of each side-data block that copies share. A
-// block absent from the table has one owner.
-std::unordered_map<MSHandle, uint32_t>* gSharedBlocks = nullptr;
-
-// One more medium holds the block. False when the table could not take it:
-// the copy then does without the block (and loads it again when asked).
-bool ShareBlock(MSHandle block) {
-    if (block == nullptr) return true;
-    try {
-        if (gSharedBlocks == nullptr) gSharedBlocks = new std::unordered_map<MSHandle, uint32_t>;
-        ++(*gSharedBlocks)[block];
-        return true;
-    } catch (...) {  // std::bad_alloc, the only exception the table throws
-        return false;
-    }
-}
+// A side-data block held by one more medium. False when the owner table
+// could not take it: the copy then does without the block (and loads it
+// again when asked).
+bool ShareBlock(MSHandle block) { return kavo::AddOwner(block); }
 
 // A medium lets go of the block: true when it was the last to hold it, and
 // so must dispose of it.
-bool UnshareBlock(MSHandle block) {
-    if (block == nullptr || gSharedBlocks == nullptr) return block != nullptr;
-    const auto found = gSharedBlocks->find(block);
-    if (found == gSharedBlocks->end()) return true;
-    if (--found->second == 0) gSharedBlocks->erase(found);
-    return false;
-}
-
-// Every medium between its construction and its destruction.
-std::unordered_set<const TMedium*>* gLiveMedia = nullptr;
-
-void RegisterMedium(const TMedium* medium) {
-    try {
-        if (gLiveMedia == nullptr) gLiveMedia = new std::unordered_set<const TMedium*>;
-        gLiveMedia->insert(medium);
-    } catch (...) {  // std::bad_alloc, the only exception the table throws
-        // Not registered: the flat interface will refuse this medium.
-    }
-}
-
-void UnregisterMedium(const TMedium* medium) {
-    if (gLiveMedia != nullptr) gLiveMedia->erase(medium);
-}
+bool UnshareBlock(MSHandle block) { return kavo::DropOwner(block); }
 
 void DisposeBlock(MSHandle* block) {
     if (*block == nullptr) return;
@@ -175,17 +140,17 @@ TMedium::TMedium(const char* name, uint32_t flags)
     KAVO_ASSERT_TEXT(name != nullptr && std::strlen(name) < kNameLength, "strlen(name) < kNameLength");
     std::memcpy(fKind.code, kPlainMediumKind, 4);
     CopyName(fRezName, name);
-    RegisterMedium(this);
+    gLiveMedia.Add(this);
 }
 
 TMedium::TMedium(const TMedium& other)
     : fMacAlias(nullptr), fPathName(nullptr), fFormDataCache(nullptr), fPosterCache(nullptr) {
     CopyFields(other);
-    RegisterMedium(this);
+    gLiveMedia.Add(this);
 }
 
 bool TMedium::IsLive(const TMedium* medium) {
-    return medium != nullptr && gLiveMedia != nullptr && gLiveMedia->count(medium) != 0;
+    return gLiveMedia.Contains(medium);
 }
 
 TMedium& TMedium::operator=(const TMedium& other) {
@@ -242,7 +207,7 @@ void TMedium::ReleaseSideBlocks() {
 
 TMedium::~TMedium() {
     ReleaseSideBlocks();
-    UnregisterMedium(this);
+    gLiveMedia.Remove(this);
 }
 
 // ---------------------------------------------------------------------------
