@@ -88,3 +88,38 @@ void UnpackTapeInfoRest(const unsigned char* image, LocatorRecord* record) {
     at += UnpackCString(image + at, &record->fEnteredBy);
     UnpackCString(image + at, &record->fShooter);
 }
+
+namespace {
+
+// The strings from at on, then a 16-bit count of 32-bit IDs after fixed
+// bytes: the whole length, or 0.
+uint32_t StringsThenIDs(const unsigned char* bytes, uint32_t length, uint32_t at, int strings,
+                        uint32_t firstMost, uint32_t fixed) {
+    for (int string = 0; string < strings; ++string) {
+        const uint32_t span = PackedStringSpan(bytes, length, at, string == 0 ? firstMost : UINT32_MAX);
+        if (span == 0) return 0;
+        at += span;
+    }
+    if (length - at < fixed + 2) return 0;
+    at += fixed;
+    const uint32_t count = (uint32_t{bytes[at]} << 8) | bytes[at + 1];
+    at += 2;
+    if ((length - at) / 4 < count) return 0;
+    return at + 4 * count;
+}
+
+}  // namespace
+
+uint32_t SceneImageLength(const unsigned char* bytes, uint32_t length) {
+    // Version, flags, ID; the record name (read back into 32 bytes),
+    // description, author, title; the current take index.
+    if (bytes == nullptr || length < 12) return 0;
+    return StringsThenIDs(bytes, length, 12, 4, kNameLength, 2);
+}
+
+uint32_t StoryImageLength(const unsigned char* bytes, uint32_t length) {
+    // Version, flags, creator; description, author, title; the rectangle
+    // and the two dates.
+    if (bytes == nullptr || length < 12) return 0;
+    return StringsThenIDs(bytes, length, 12, 3, UINT32_MAX, 8 + 7 + 7);
+}

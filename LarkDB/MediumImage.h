@@ -1,5 +1,5 @@
-// Reading the packed images of media and tape information, for the media
-// classes and the factory: the bounds checks that come before any unpack
+// Reading the packed images of media, tape information, scenes and story
+// boards, for their classes and the medium factory: the bounds checks that come before any unpack
 // (the unpack primitives do not check the source's length), and a string
 // read into a CString.
 #ifndef KAVO_LARKDB_MEDIUMIMAGE_H
@@ -23,6 +23,11 @@ uint32_t MediumImageLength(const unsigned char* bytes, uint32_t length, MediumKi
 
 // The same for a tape information image.
 uint32_t TapeInfoImageLength(const unsigned char* bytes, uint32_t length);
+
+// The same for a scene's "SEEN" image and a story board's "STRY" image: 0
+// too when the take or scene count promises more IDs than the bytes hold.
+uint32_t SceneImageLength(const unsigned char* bytes, uint32_t length);
+uint32_t StoryImageLength(const unsigned char* bytes, uint32_t length);
 
 // The tape ID, the create date and the four strings of a whole tape
 // information image (checked with TapeInfoImageLength) into record. The

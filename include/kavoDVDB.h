@@ -426,6 +426,48 @@ KAVO_API int16_t KAVO_CALL TapeChangeDescription(int16_t refNum, const char* new
 KAVO_API int16_t KAVO_CALL TapeChangeEnteredBy(int16_t refNum, const char* newText);
 KAVO_API int16_t KAVO_CALL TapeChangeShooter(int16_t refNum, const char* newText);
 
+/* ---------------------------------------------------------------------------
+ * The story board: the ordered list of scene IDs of one database, kept as its
+ * "STRY" record "Story" (ID 1000). A board crosses this interface as an
+ * opaque TStoryBoard pointer; the caller owns it and frees it with
+ * StoryDestroy, which deletes the scenes it has loaded, unsaved. A pointer
+ * that names no live board is refused with an assertion report and -1 (0
+ * from StoryNumScenes and StoryDestroy). The list functions change the
+ * board only: the scenes' "SEEN" records and their takes stay in the
+ * database. A board that is not editable refuses every change with -1.
+ * ------------------------------------------------------------------------- */
+#ifdef __cplusplus
+class TStoryBoard;
+#else
+typedef struct TStoryBoard TStoryBoard;
+#endif
+
+/* A new board with the defaults for the database refNum; nothing is
+   written until StorySave. */
+KAVO_API TStoryBoard* KAVO_CALL StoryCreateNew(int16_t refNum);
+/* The database's board; a database without one is given one with the
+   defaults, written at once. The current database stays as it was. Null only
+   when the board cannot be made. */
+KAVO_API TStoryBoard* KAVO_CALL StoryOpen(int16_t refNum);
+/* Writes the board into refNum, always (whether or not it changed). */
+KAVO_API int16_t KAVO_CALL StorySave(TStoryBoard* story, int16_t refNum);
+KAVO_API int16_t KAVO_CALL StoryDestroy(TStoryBoard* story);
+KAVO_API uint16_t KAVO_CALL StoryNumScenes(TStoryBoard* story);
+KAVO_API int16_t KAVO_CALL StoryGetNthSceneID(TStoryBoard* story, uint16_t index, int32_t* id);
+KAVO_API int16_t KAVO_CALL StoryFindIndexOfScene(TStoryBoard* story, int32_t id, uint16_t* index);
+KAVO_API int16_t KAVO_CALL StoryAppendScene(TStoryBoard* story, int32_t id);
+KAVO_API int16_t KAVO_CALL StoryInsertSceneAt(TStoryBoard* story, int32_t id, uint16_t index);
+KAVO_API int16_t KAVO_CALL StoryChangeSceneAt(TStoryBoard* story, int32_t id, uint16_t index);
+KAVO_API int16_t KAVO_CALL StoryDeleteSceneFromList(TStoryBoard* story, int32_t id);
+KAVO_API int16_t KAVO_CALL StoryDeleteFromListSceneAt(TStoryBoard* story, uint16_t index);
+KAVO_API int16_t KAVO_CALL StorySwapScenes(TStoryBoard* story, uint16_t a, uint16_t b);
+/* Moving forward lands the scene before the one that stood at toIndex: with
+   X Y Z, moving 0 to 2 gives Y X Z. */
+KAVO_API int16_t KAVO_CALL StoryMoveSceneWithinList(TStoryBoard* story, uint16_t fromIndex, uint16_t toIndex);
+/* Empties the list; 0 in every case (a board that is not editable keeps
+   its list). */
+KAVO_API int16_t KAVO_CALL StoryDeleteAllScenesFromList(TStoryBoard* story);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,7 +10,9 @@
 #include "LarkDB/TAnalogMedium.h"
 #include "LarkDB/TMooVMedium.h"
 #include "LarkDB/TPictureMedium.h"
+#include "LarkDB/TStoryBoard.h"
 #include "LarkDB/Tmedium.h"
+#include "LarkDB/Tscene.h"
 #include "Rm/Common/Source/Crezmgr.h"
 #include "kavoDVDB.h"
 
