@@ -241,3 +241,6 @@ std::int16_t TListOf<TElement>::DisposeElement(std::uint16_t) {
 
 template class TListOf<std::int32_t>;
 template class TListOf<void*>;
+
+TList::~TList() = default;
+TRefList::~TRefList() = default;

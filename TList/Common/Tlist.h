@@ -80,14 +80,24 @@ private:
     MSHandle fItems;
 };
 
+// Both element types are instantiated once, in Tlist.cpp; and the two
+// lists' destructors are defined there, so that their tables and type
+// information live in that one object. (Emitted wherever a list is made,
+// they would be exported from the Windows DLL by any exported class that
+// makes one.)
+extern template class TListOf<std::int32_t>;
+extern template class TListOf<void*>;
+
 class TList : public TListOf<std::int32_t> {
 public:
     using TListOf<std::int32_t>::TListOf;
+    ~TList() override;
 };
 
 class TRefList : public TListOf<void*> {
 public:
     using TListOf<void*>::TListOf;
+    ~TRefList() override;
 };
 
 #endif  // KAVO_TLIST_TLIST_H
