@@ -236,12 +236,37 @@ std::int16_t EngineStop() try {
     }
     gEngine.fSlots.clear();
     gEngine.fInitialised = false;
+    THostFile::SetGroupOpen(false);
     return kEngineNoError;
 } catch (const std::exception&) {
     return OutOfMemory();
 }
 
 void EngineReleaseMemory() { engine::TPager::ReleaseFramePool(); }
+
+std::int16_t EngineBeginGroup() {
+    ClearError();
+    if (!gEngine.fInitialised) return Fail(kFileNotActive, 0);
+    if (THostFile::GroupOpen()) return Fail(kBadArgument, 0);
+    THostFile::SetGroupOpen(true);
+    return kEngineNoError;
+}
+
+// Every host file's end; the first failure is answered (each failing file
+// has undone the group).
+std::int16_t EngineEndGroup(bool keep) {
+    ClearError();
+    if (!THostFile::GroupOpen()) return Fail(kBadArgument, 0);
+    THostFile::SetGroupOpen(false);
+    std::int16_t first = kEngineNoError;
+    for (std::size_t i = 0; i < gEngine.fSlots.size(); ++i) {
+        TSlot& slot = gEngine.fSlots[i];
+        if (slot.fKind != SlotKind::kHost) continue;
+        const std::int16_t error = slot.fHost->EndGroup(keep);
+        if (error != kEngineNoError && first == kEngineNoError) first = Fail(error, static_cast<std::int16_t>(i));
+    }
+    return first;
+}
 
 bool EngineIsInitialised() { return gEngine.fInitialised; }
 

@@ -102,6 +102,16 @@ bool EngineIsInitialised();
 // databases for now.
 void EngineReleaseMemory();
 
+// Groups of changes. The changes made between EngineBeginGroup and
+// EngineEndGroup reach each host file as one: whatever instant the process
+// ends at, a host file holds all of them or none. EngineEndGroup(false)
+// abandons the group: its changes are undone. A change that fails or is
+// refused inside a group undoes the group's earlier changes too (the group
+// goes on, empty).
+// Groups do not nest (kBadArgument); no checkpoint is taken inside one.
+std::int16_t EngineBeginGroup();
+std::int16_t EngineEndGroup(bool keep);
+
 // ---------------------------------------------------------------------------
 // Host files
 

@@ -324,7 +324,13 @@ std::int16_t THostFile::Replay() {
     return error;
 }
 
+bool THostFile::sGroupOpen = false;
+
 std::int16_t THostFile::Recover(std::int16_t error) {
+    // The group's frames so far are dropped by the replay (no end follows
+    // them), and so undone with the rest.
+    fGroupBegun = false;
+    fGroupRecords = 0;
     try {
         fPager->ResetToCheckpoint();
         if (LoadCatalog(fPager->StoredCatalog()) == kEngineNoError && Replay() == kEngineNoError) return error;
@@ -571,15 +577,46 @@ void THostFile::Upkeep(int records) {
 
 std::int16_t THostFile::FinishChange(std::int16_t error, std::uint8_t kind, std::uint8_t data, std::uint32_t record,
                                      const TMemoryBytes& bytes) {
+    const int records = kind == kFrameAdd ? 1 : kind == kFrameDelete ? -1 : 0;
     if (error == kEngineNoError) {
         try {
-            error = fPager->AppendLog(kind, data, record, bytes);
+            if (sGroupOpen && !fGroupBegun) {
+                error = fPager->AppendLog(kFrameGroupBegin, 0, 0, TMemoryBytes(nullptr, 0));
+                fGroupBegun = error == kEngineNoError;
+            }
+            if (error == kEngineNoError)
+                error = fPager->AppendLog(kind, data, record, bytes, sGroupOpen ? kFrameHeld : 0);
         } catch (const std::bad_alloc&) {
             error = kEngineOutOfMemory;  // a log extent half chained is undone with the rest
         }
     }
-    if (error != kEngineNoError) return fPager->OperationChanged() ? Recover(error) : error;
-    Upkeep(kind == kFrameAdd ? 1 : kind == kFrameDelete ? -1 : 0);
+    if (error != kEngineNoError) {
+        if (fGroupBegun) return Recover(error);  // the group so far goes too
+        return fPager->OperationChanged() ? Recover(error) : error;
+    }
+    if (sGroupOpen) {
+        fGroupRecords += records;  // the upkeep waits for the group's end
+    } else {
+        Upkeep(records);
+    }
+    return kEngineNoError;
+}
+
+std::int16_t THostFile::EndGroup(bool keep) {
+    if (!fGroupBegun) return kEngineNoError;  // nothing of the group reached this file
+    std::int16_t error = kEngineNoError;
+    if (keep) {
+        try {
+            error = fPager->AppendLog(kFrameGroupEnd, 0, 0, TMemoryBytes(nullptr, 0));
+        } catch (const std::bad_alloc&) {
+            error = kEngineOutOfMemory;
+        }
+    }
+    if (!keep || error != kEngineNoError) return Recover(error);
+    fGroupBegun = false;
+    const int records = fGroupRecords;
+    fGroupRecords = 0;
+    Upkeep(records);
     return kEngineNoError;
 }
 

@@ -120,6 +120,17 @@ public:
 
     const TPagerStats& Stats() const { return fPager->Stats(); }
 
+    // Groups: while one is open (process-wide, GroupOpen), the changes of
+    // every host file are logged as held frames after a group-begin frame,
+    // and no checkpoint is taken; EndGroup then logs the group's end, which
+    // makes them count together, or (keep false) undoes them. The end of the
+    // process at any instant leaves all of a group's changes to a host file,
+    // or none. A change inside a group that fails is undone with everything
+    // of the group before it; the group then goes on afresh.
+    static void SetGroupOpen(bool open) { sGroupOpen = open; }
+    static bool GroupOpen() { return sGroupOpen; }
+    std::int16_t EndGroup(bool keep);
+
 private:
     explicit THostFile(std::unique_ptr<TPager> pager) : fPager(std::move(pager)) {}
 
@@ -160,6 +171,11 @@ private:
     std::vector<std::uint8_t> fTreeKey;
     std::vector<std::uint8_t> fKeyBytes;
     std::uint64_t fCheckpointsSeen = 0;
+    // This host file's frames of the open group: its begin is logged, and
+    // the records its changes added less those removed.
+    bool fGroupBegun = false;
+    int fGroupRecords = 0;
+    static bool sGroupOpen;
     std::int64_t fRecordsSinceCheckpoint = 0;
 };
 

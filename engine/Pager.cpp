@@ -118,13 +118,14 @@ std::uint32_t NewSalt(std::uint64_t sequence, const void* owner) {
 std::uint64_t PageOffset(std::uint32_t number) { return std::uint64_t{number} * kPageSize; }
 
 void PutFrameHead(std::uint8_t* head, std::uint32_t salt, std::uint32_t number, std::uint32_t length,
-                  std::uint8_t kind, std::uint8_t member, std::uint32_t aux) {
+                  std::uint8_t kind, std::uint8_t member, std::uint32_t aux, std::uint8_t flags = 0) {
     std::memset(head, 0, kFrameHeadSize);
     Put32(head, salt);
     Put32(head + 4, number);
     Put32(head + 8, length);
     head[12] = kind;
     head[13] = member;
+    head[14] = flags;
     Put32(head + 16, aux);
     Put32(head + kFrameHeadCrcAt, Crc32c(0, head, kFrameHeadCrcAt));
 }
@@ -135,8 +136,11 @@ bool FrameHeadIsValid(const std::uint8_t* head, std::uint32_t salt, std::uint32_
 }
 
 bool KnownFrameKind(std::uint8_t kind) {
-    return kind == kFrameAdd || kind == kFrameRewrite || kind == kFrameDelete || kind == kFrameNextExtent;
+    return kind == kFrameAdd || kind == kFrameRewrite || kind == kFrameDelete || kind == kFrameNextExtent ||
+           kind == kFrameGroupBegin || kind == kFrameGroupEnd;
 }
+
+bool IsOperation(std::uint8_t kind) { return kind == kFrameAdd || kind == kFrameRewrite || kind == kFrameDelete; }
 
 // Bytes of a frame in the file, for replay.
 class TFileBytes : public TByteSource {
@@ -588,7 +592,7 @@ std::int16_t TPager::ScanLog(TScan* scan) {
         const std::uint64_t total = std::uint64_t{kFrameHeadSize} + length + kFrameTailSize;
         const std::uint64_t allowed = kind == kFrameNextExtent ? limit + kNextExtentFrameSize : limit;
         if (!KnownFrameKind(kind) || length > kMaxFramePayload || offset + total > allowed ||
-            (kind == kFrameNextExtent && length != 4)) {
+            (kind == kFrameNextExtent && length != 4) || (!IsOperation(kind) && kind != kFrameNextExtent && length != 0)) {
             damaged = true;
             break;
         }
@@ -630,7 +634,7 @@ std::int16_t TPager::ScanLog(TScan* scan) {
             offset = PageOffset(next.fStart);
             limit = PageOffset(next.End()) - kNextExtentFrameSize;
         } else {
-            ++scan->fReport.fFrames;
+            if (IsOperation(kind)) ++scan->fReport.fFrames;
             offset += total;
         }
     }
@@ -687,6 +691,29 @@ std::int16_t TPager::ReplayLog(const TApplyFrame& apply) {
     ++fChanges;
 
     // Every frame up to the stop is whole: its head and lengths are trusted.
+    // The held frames of an open group wait (where they lie) for its end.
+    struct THeldFrame {
+        std::uint64_t fOffset;
+        TLogFrame fFrame;
+    };
+    std::vector<THeldFrame> held;
+    bool inGroup = false;
+    const auto redo = [&](std::uint64_t offset, TLogFrame frame) -> std::int16_t {
+        const std::uint64_t payload = offset + kFrameHeadSize;
+        const std::uint32_t length = frame.fLength;
+        std::unique_ptr<TByteSource> source;
+        std::size_t got = 0;
+        if (length <= kReplayBufferLimit) {
+            fFrameBuffer.resize(length);
+            if (length != 0 && (!fFile->ReadAt(payload, fFrameBuffer.data(), length, &got) || got != length))
+                return kPageDamaged;
+            source.reset(new TMemoryBytes(fFrameBuffer.data(), length));
+        } else {
+            source.reset(new TFileBytes(fFile.get(), payload));
+        }
+        frame.fPayload = source.get();
+        return apply(frame);
+    };
     std::uint64_t offset = PageOffset(fExtents.front().fStart);
     std::size_t chained = 0;
     for (std::uint32_t number = 0; number < scan.fFrames; ++number) {
@@ -694,32 +721,37 @@ std::int16_t TPager::ReplayLog(const TApplyFrame& apply) {
         std::size_t got = 0;
         if (!fFile->ReadAt(offset, head, kFrameHeadSize, &got) || got != kFrameHeadSize) return kPageDamaged;
         const std::uint32_t length = Get32(head + 8);
-        TLogFrame frame{head[12], head[13], Get32(head + 16), length, nullptr};
+        const TLogFrame frame{head[12], head[13], Get32(head + 16), length, nullptr};
         if (frame.fKind == kFrameNextExtent) {
             offset = PageOffset(scan.fChained[chained++].fStart);
             continue;
         }
-        const std::uint64_t payload = offset + kFrameHeadSize;
-        std::unique_ptr<TByteSource> source;
-        if (length <= kReplayBufferLimit) {
-            fFrameBuffer.resize(length);
-            if (length != 0 &&
-                (!fFile->ReadAt(payload, fFrameBuffer.data(), length, &got) || got != length))
-                return kPageDamaged;
-            source.reset(new TMemoryBytes(fFrameBuffer.data(), length));
+        if (frame.fKind == kFrameGroupBegin) {
+            held.clear();
+            inGroup = true;
+        } else if (frame.fKind == kFrameGroupEnd) {
+            for (const THeldFrame& h : held)
+                if (inGroup && (error = redo(h.fOffset, h.fFrame)) != kEngineNoError) return error;
+            held.clear();
+            inGroup = false;
+        } else if ((head[14] & kFrameHeld) != 0) {
+            if (inGroup) held.push_back(THeldFrame{offset, frame});
         } else {
-            source.reset(new TFileBytes(fFile.get(), payload));
+            held.clear();
+            inGroup = false;
+            if ((error = redo(offset, frame)) != kEngineNoError) return error;
         }
-        frame.fPayload = source.get();
-        if ((error = apply(frame)) != kEngineNoError) return error;
-        offset = payload + length + kFrameTailSize;
+        offset += kFrameHeadSize + std::uint64_t{length} + kFrameTailSize;
     }
+    fReplay.fDroppedFrames = static_cast<std::uint32_t>(held.size());
     ShrinkBuffer(&fFrameBuffer, kKeptFrameBuffer);
     fFrameNumber = scan.fFrames;
     fLogOffset = scan.fEnd;
     fLogLimit = scan.fLimit;
     fLogSize = scan.fReport.fBytes;
+    const std::uint32_t dropped = fReplay.fDroppedFrames;
     fReplay = scan.fReport;
+    fReplay.fDroppedFrames = dropped;
     return kEngineNoError;
 }
 
@@ -783,20 +815,20 @@ std::int16_t TPager::ChainExtent(std::uint64_t frameBytes) {
 }
 
 std::int16_t TPager::WriteFrameBytes(std::uint8_t kind, std::uint8_t member, std::uint32_t aux,
-                                     const TMemoryBytes& payload) {
+                                     const TMemoryBytes& payload, std::uint8_t flags) {
     const std::uint32_t length = payload.Length();
     const std::size_t total = kFrameHeadSize + std::size_t{length} + kFrameTailSize;
     if (total <= kAssembledFrameLimit) {
         fFrameBuffer.resize(total);
         std::uint8_t* frame = fFrameBuffer.data();
-        PutFrameHead(frame, fLogSalt, fFrameNumber, length, kind, member, aux);
+        PutFrameHead(frame, fLogSalt, fFrameNumber, length, kind, member, aux, flags);
         if (length != 0) payload.Read(0, frame + kFrameHeadSize, length);
         const std::uint32_t crc = Crc32c(Get32(frame + kFrameHeadCrcAt), frame + kFrameHeadSize, length);
         Put32(frame + kFrameHeadSize + length, crc);
         return fFile->WriteAt(fLogOffset, frame, total) ? kEngineNoError : kWriteFailed;
     }
     std::uint8_t head[kFrameHeadSize];
-    PutFrameHead(head, fLogSalt, fFrameNumber, length, kind, member, aux);
+    PutFrameHead(head, fLogSalt, fFrameNumber, length, kind, member, aux, flags);
     std::uint32_t crc = Get32(head + kFrameHeadCrcAt);
     if (!fFile->WriteAt(fLogOffset, head, kFrameHeadSize)) return kWriteFailed;
     std::uint64_t at = fLogOffset + kFrameHeadSize;
@@ -817,14 +849,14 @@ std::int16_t TPager::WriteFrameBytes(std::uint8_t kind, std::uint8_t member, std
 }
 
 std::int16_t TPager::AppendLog(std::uint8_t kind, std::uint8_t member, std::uint32_t aux,
-                               const TMemoryBytes& payload) {
+                               const TMemoryBytes& payload, std::uint8_t flags) {
     if (fReadOnly) return kNoWritePermission;
     if (fPoison != 0) return fPoison;
     if (payload.Length() > kMaxFramePayload) return kBadArgument;
     const std::uint64_t total = std::uint64_t{kFrameHeadSize} + payload.Length() + kFrameTailSize;
     std::int16_t error = kEngineNoError;
     if (fLogOffset + total > fLogLimit && (error = ChainExtent(total)) != kEngineNoError) return error;
-    error = WriteFrameBytes(kind, member, aux, payload);
+    error = WriteFrameBytes(kind, member, aux, payload, flags);
     if (fFrameBuffer.capacity() > kKeptFrameBuffer) ShrinkBuffer(&fFrameBuffer, kKeptFrameBuffer);
     if (error != kEngineNoError) {
         // Whatever reached the file of the frame is voided where it can be,
@@ -838,7 +870,7 @@ std::int16_t TPager::AppendLog(std::uint8_t kind, std::uint8_t member, std::uint
     fLogOffset += total;
     fLogSize += total;
     ++fFrameNumber;
-    ++fStats.fLogFrames;
+    if (IsOperation(kind)) ++fStats.fLogFrames;
     fStats.fLogBytes += total;
     return kEngineNoError;
 }

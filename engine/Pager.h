@@ -84,6 +84,10 @@ constexpr std::uint8_t kFrameAdd = 1;
 constexpr std::uint8_t kFrameRewrite = 2;
 constexpr std::uint8_t kFrameDelete = 3;
 constexpr std::uint8_t kFrameNextExtent = 4;  // the log goes on in another extent
+constexpr std::uint8_t kFrameGroupBegin = 5;  // the frames of a group follow, held
+constexpr std::uint8_t kFrameGroupEnd = 6;    // the held frames since the begin count
+// Flags of a frame (byte 14 of its head).
+constexpr std::uint8_t kFrameHeld = 0x01;  // part of a group: redone only once the group ends
 
 // Bytes that a reader can copy on demand: a record handed in by the caller, or
 // one in a log frame of the file. Records pass through the engine this way,
@@ -139,6 +143,9 @@ struct TReplayReport {
     // Whole frames of this log found beyond the damaged one: operations that
     // had been acknowledged and could not be redone.
     bool fLaterFramesLost = false;
+    // Held operations of a group that the log ended inside or that was
+    // abandoned: not redone.
+    std::uint32_t fDroppedFrames = 0;
     std::string Describe() const;  // empty unless replay stopped at damage
 };
 
@@ -299,7 +306,14 @@ public:
     // Appends one operation to the log; once it returns kEngineNoError the
     // operation survives the end of the process. On failure nothing of the
     // frame counts: the next frame is written in its place.
-    std::int16_t AppendLog(std::uint8_t kind, std::uint8_t member, std::uint32_t aux, const TMemoryBytes& payload);
+    //
+    // Groups: a group-begin frame, operations flagged kFrameHeld, and a
+    // group-end frame. Replay redoes the held operations only when their
+    // group's end follows them; a group that the log ends inside, or that a
+    // frame outside any group or a new group's begin follows, is dropped
+    // (so an abandoned group needs no mark of its own).
+    std::int16_t AppendLog(std::uint8_t kind, std::uint8_t member, std::uint32_t aux, const TMemoryBytes& payload,
+                           std::uint8_t flags = 0);
 
     // Redoes the log that continues the last checkpoint: calls apply for each
     // whole operation in order (apply must not log them again), stops at the
@@ -395,7 +409,7 @@ private:
     bool ExtentIsFree(const TLogExtent& extent) const;
     std::int16_t ChainExtent(std::uint64_t frameBytes);
     std::int16_t WriteFrameBytes(std::uint8_t kind, std::uint8_t member, std::uint32_t aux,
-                                 const TMemoryBytes& payload);
+                                 const TMemoryBytes& payload, std::uint8_t flags);
     void StartLog(std::uint32_t salt);
 
     // A page to write: its bytes are a cached frame's or its own.

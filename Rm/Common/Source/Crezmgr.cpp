@@ -10,6 +10,7 @@
 #include "Rm/Common/Source/Ckeyeddb.h"
 #include "Rm/Common/Source/Rmclock.h"
 #include "TList/Common/Tlist.h"
+#include "engine/Engine.h"
 
 std::int16_t CRezManager::fNumInstances = 0;
 
@@ -647,4 +648,18 @@ std::int16_t CRezManager::DoNotPurgeRecord(MSHandle data) {
 std::int16_t CRezManager::RemoveRecord(MSHandle data) {
     return SetLastError(
         TRouting::ByHandle(*this, data, [&](CDatabase* database) { return database->RemoveRecord(data); }));
+}
+
+// ---------------------------------------------------------------------------
+// Atomic changes
+
+std::int16_t CRezManager::BeginAtomicChange() {
+    if (!EngineIsInitialised()) return SetLastError(kGeneralError);
+    return SetLastError(EngineBeginGroup() == kEngineNoError ? kNoError : kGeneralError);
+}
+
+std::int16_t CRezManager::EndAtomicChange(bool keep) {
+    const std::int16_t error = EngineEndGroup(keep);
+    if (error == kEngineNoError) return SetLastError(kNoError);
+    return SetLastError(error == kNoWritePermission ? kNoPermission : kAddRefused);
 }

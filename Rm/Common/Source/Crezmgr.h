@@ -106,6 +106,17 @@ public:
     // The open database whose record map holds the handle.
     int16_t GetHomeDB(MSHandle theRecord, int16_t* refNum);
 
+    // Record changes made between BeginAtomicChange and EndAtomicChange
+    // reach each database file as one: whatever instant the process ends
+    // at, a file holds all of them or none. EndAtomicChange(false) undoes
+    // them in the files (records loaded in the meantime stay as they are in
+    // memory). A change that fails in between undoes the earlier ones too.
+    // They do not nest (kGeneralError). When the end cannot be written the
+    // changes are undone and the end answers kAddRefused (kNoPermission for
+    // a read-only file).
+    int16_t BeginAtomicChange();
+    int16_t EndAtomicChange(bool keep);
+
 private:
     struct TRouting;
     friend struct TRouting;
