@@ -621,9 +621,9 @@ int32_t TapeTextSize(const CString LocatorRecord::*field) {
 }
 
 // Replaces one text of the header: the current database's header with the
-// new text is written to refNum, in place of refNum's header. The new
-// header is made in full before the old one is removed, and if it cannot be
-// added the old one is put back, so a failure loses nothing.
+// new text is written to refNum, in place of refNum's header. The new header
+// is made in full before the old one is removed, and the two steps are one
+// atomic change, so a failure or the end of the process loses nothing.
 int16_t TapeChange(int16_t refNum, CString LocatorRecord::*field, const char* newText) {
     if (!ManagerExists() || !KAVO_CHECK(newText != 0)) return kGeneralError;
     int16_t current = 0;
@@ -632,27 +632,19 @@ int16_t TapeChange(int16_t refNum, CString LocatorRecord::*field, const char* ne
     LocatorRecord record{};
     if ((error = sUnpackTapeInfo(&record)) != kNoError) return error;
     if (!(record.*field).Assign(newText)) return kOutOfMemory;
-
-    MSHandle old = nullptr;
-    if (gRezManager->ReadRecordByName(refNum, kTapeHeaderName, kTapeRecordType, &old) == kNoError &&
-        gRezManager->DetachRecord(old) != kNoError)
-        old = nullptr;  // still the record manager's
-    error = gRezManager->RemoveNamedRecord(refNum, kTapeHeaderName, kTapeRecordType);
-    KAVO_ASSERT_TEXT(error == kNoError, "error == kNoError");
     uint32_t tapeID = 0;
     std::memcpy(&tapeID, record.fTapeID, 4);
-    error = TapeSaveInfo(refNum, record.fTapeName.Text(), tapeID,
-                         record.fCreateDate, record.fDescription.Text(), record.fEnteredBy.Text(),
-                         record.fShooter.Text(), &record.fPlugType);
-    if (error != kNoError) {
-        if (old != nullptr &&
-            gRezManager->AddNewRecord(refNum, kTapeRecordType, kTapeHeaderName, kTapeHeaderID, old) == kNoError)
-            gRezManager->ReleaseRecord(old);
-        else if (old != nullptr)
-            MSDisposeHandle(old);
-        return error;
+
+    const bool grouped = gRezManager->BeginAtomicChange() == kNoError;
+    error = gRezManager->RemoveNamedRecord(refNum, kTapeHeaderName, kTapeRecordType);
+    KAVO_ASSERT_TEXT(error == kNoError, "error == kNoError");
+    error = TapeSaveInfo(refNum, record.fTapeName.Text(), tapeID, record.fCreateDate, record.fDescription.Text(),
+                         record.fEnteredBy.Text(), record.fShooter.Text(), &record.fPlugType);
+    if (grouped) {
+        const int16_t ended = gRezManager->EndAtomicChange(error == kNoError);
+        if (error == kNoError) error = ended;
     }
-    if (old != nullptr) MSDisposeHandle(old);
+    if (error != kNoError) return error;
     const int16_t restored = gRezManager->SetCurrentDB(current);
     KAVO_ASSERT_TEXT(restored == kNoError, "error == kNoError");
     return kNoError;

@@ -4,6 +4,7 @@
 
 #include "Common/Kavoassert.h"
 #include "LarkDB/MediumImage.h"
+#include "LarkDB/RecordReplace.h"
 #include "Pack/Pack.h"
 #include "Rm/Common/Source/Rmmgr.h"
 
@@ -220,9 +221,7 @@ int16_t TAnalogMedium::SaveAllToDB(int16_t refNum) {
     int16_t error = TMedium::SaveAllToDB(refNum);
     if (error != kNoError) return error;
     if ((fDirtyFlags & kDirtyLocator) != 0 && fLocator != nullptr) {
-        error = gRezManager->RemoveNamedRecord(refNum, fRezName, kLocatorRecordType);
-        if (error != kNoError && error != kKeyNotFound) return error;
-        error = gRezManager->AddNewRecord(refNum, kLocatorRecordType, fRezName, fRezID, fLocator);
+        error = ReplaceRecord(refNum, kLocatorRecordType, fRezName, fRezID, fLocator, {kKeyNotFound});
         if (error != kNoError) return error;
         error = gRezManager->DetachRecord(fLocator);
         KAVO_ASSERT_TEXT(error == kNoError, "error == kNoError");

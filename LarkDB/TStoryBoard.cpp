@@ -5,6 +5,7 @@
 
 #include "Common/Kavoassert.h"
 #include "LarkDB/MediumImage.h"
+#include "LarkDB/RecordReplace.h"
 #include "LarkDB/SharedOwners.h"
 #include "LarkDB/Tscene.h"
 #include "Pack/Pack.h"
@@ -494,12 +495,8 @@ int16_t TStoryBoard::SaveAllToDB() {
         uint32_t length = 0;
         MSHandle packed = PackGuts(image, length);
         if (packed == nullptr) return kOutOfMemory;  // the failed resize took the handle
-        error = gRezManager->RemoveNamedRecord(fDBRefNum, kStoryRecordName, kStoryRecordType);
-        if (error != kNoError && error != kKeyNotFound && error != kRecordNotFound) {
-            MSDisposeHandle(packed);
-            return error;
-        }
-        error = gRezManager->AddNewRecord(fDBRefNum, kStoryRecordType, kStoryRecordName, kStoryRecordID, packed);
+        error = ReplaceRecord(fDBRefNum, kStoryRecordType, kStoryRecordName, kStoryRecordID, packed,
+                              {kKeyNotFound, kRecordNotFound});
         if (error != kNoError) {
             MSDisposeHandle(packed);
             return error;

@@ -7,6 +7,7 @@
 
 #include "Common/Kavoassert.h"
 #include "LarkDB/MediumImage.h"
+#include "LarkDB/RecordReplace.h"
 #include "LarkDB/SharedOwners.h"
 #include "Pack/Pack.h"
 #include "Rm/Common/Source/Rmmgr.h"
@@ -546,12 +547,10 @@ int16_t TMedium::RemoveProxy() {
 // ---------------------------------------------------------------------------
 // Saving, removing, copying
 
-// The side record of a held block, removed and added again, the block kept.
+// The side record of a held block, replaced as one change, the block kept.
 int16_t TMedium::SaveSideBlock(int16_t refNum, const char* type, MSHandle block) {
     if (block == nullptr) return kNoError;
-    int16_t error = gRezManager->RemoveNamedRecord(refNum, fRezName, type);
-    if (error != kNoError && error != kKeyNotFound) return error;
-    error = gRezManager->AddNewRecord(refNum, type, fRezName, fRezID, block);
+    int16_t error = ReplaceRecord(refNum, type, fRezName, fRezID, block, {kKeyNotFound});
     if (error != kNoError) return error;
     error = gRezManager->DetachRecord(block);
     KAVO_ASSERT(error == kNoError);
@@ -568,12 +567,7 @@ int16_t TMedium::SaveAllToDB(int16_t refNum) {
         MSHandle packed = PackGuts(image, length);
         if (packed == nullptr) return kOutOfMemory;  // the failed resize took the handle
         image = packed;
-        error = gRezManager->RemoveNamedRecord(refNum, fRezName, kMediumRecordType);
-        if (error != kNoError && error != kKeyNotFound) {
-            MSDisposeHandle(image);
-            return error;
-        }
-        error = gRezManager->AddNewRecord(refNum, kMediumRecordType, fRezName, fRezID, image);
+        error = ReplaceRecord(refNum, kMediumRecordType, fRezName, fRezID, image, {kKeyNotFound});
         if (error != kNoError) {
             MSDisposeHandle(image);
             return error;

@@ -6,6 +6,7 @@
 #include "Common/Kavoassert.h"
 #include "LarkDB/Mdiawrap.h"
 #include "LarkDB/MediumImage.h"
+#include "LarkDB/RecordReplace.h"
 #include "LarkDB/SharedOwners.h"
 #include "LarkDB/Tmedium.h"
 #include "Pack/Pack.h"
@@ -383,12 +384,7 @@ int16_t TScene::SaveAllToDB(int16_t refNum) {
         uint32_t length = 0;
         MSHandle packed = PackGuts(image, length);
         if (packed == nullptr) return kOutOfMemory;  // the failed resize took the handle
-        error = gRezManager->RemoveNamedRecord(refNum, fRezName, kSceneRecordType);
-        if (error != kNoError && error != kKeyNotFound && error != kRecordNotFound) {
-            MSDisposeHandle(packed);
-            return error;
-        }
-        error = gRezManager->AddNewRecord(refNum, kSceneRecordType, fRezName, fRezID, packed);
+        error = ReplaceRecord(refNum, kSceneRecordType, fRezName, fRezID, packed, {kKeyNotFound, kRecordNotFound});
         if (error != kNoError) {
             MSDisposeHandle(packed);
             return error;
