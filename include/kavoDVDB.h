@@ -17,9 +17,20 @@
  *    failure code and an assertion report on stderr; it never crashes the
  *    host.
  *
- * On 32-bit Windows the MS family uses the C calling convention and plain
- * names; every other family uses the standard convention (the callee removes
- * the arguments) and is exported as _Name@N.
+ * The names a host links, or looks up by name, on each platform:
+ *  - Linux (libkavoDVDB.so): every function under its plain name, Name.
+ *  - 32-bit Windows (kavoDVDB.dll, i686): the MS family uses the C calling
+ *    convention and plain names; every other family uses the standard
+ *    convention (the callee removes the arguments) and is exported as
+ *    _Name@N, N the bytes of its arguments (a C caller's Name@N, which the
+ *    import library binds). GetProcAddress takes "_Name@N".
+ *  - 64-bit Windows (kavoDVDB.dll, x86_64): one calling convention for
+ *    every function, which KAVO_CALL and KAVO_MS_CALL name to no effect;
+ *    every function is exported under its plain name, Name, as on Linux.
+ * On every platform the integer types keep the widths their names give
+ * (32-bit values stay 32 bits on 64-bit Windows), handles and objects are
+ * pointers of the platform's width, and a database file is the same bytes
+ * whichever build wrote it.
  */
 #ifndef KAVODVDB_H
 #define KAVODVDB_H

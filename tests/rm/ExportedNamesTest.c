@@ -14,7 +14,7 @@
 #include "ExportedNames.h"
 #include "kavoDVDB.h"
 
-#if defined(_WIN32)
+#if defined(_WIN32) && !defined(_WIN64)
 #define STDCALL_NAME(name, bytes) "_" name "@" #bytes
 #else
 #define STDCALL_NAME(name, bytes) name
